@@ -1,0 +1,7 @@
+// Library version.
+#pragma once
+
+#define QUILLON32_VERSION "1.0.6"
+#define QUILLON32_VERSION_MAJOR 1
+#define QUILLON32_VERSION_MINOR 0
+#define QUILLON32_VERSION_PATCH 6

@@ -1,0 +1,234 @@
+// ASN.1 core: a bounds-checked DER/BER reader over non-owning views, a DER
+// writer, object identifiers and the BER-to-DER normaliser.
+//
+// Every object of the PKI layer is parsed with a strict DER Parser over bytes
+// it owns. Inputs that arrive in BER (indefinite lengths, long-form lengths
+// where short ones would do, constructed strings, unsorted SETs) are first
+// rewritten to DER by NormaliseToDer(); the bytes as received are kept by the
+// caller wherever a signature covers them.
+//
+// Readers return [[nodiscard]] bool and never throw. On failure a Parser is
+// left in an unspecified but safe state: keep reading and it keeps failing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillon::der {
+
+// A non-owning view of bytes. The viewed memory must outlive the view.
+class Input {
+ public:
+  constexpr Input() = default;
+  constexpr Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  explicit Input(std::span<const uint8_t> s) : data_(s.data()), size_(s.size()) {}
+  explicit Input(const std::vector<uint8_t>& v) : data_(v.data()), size_(v.size()) {}
+  explicit Input(std::string_view s)
+      : data_(reinterpret_cast<const uint8_t*>(s.data())), size_(s.size()) {}
+
+  const uint8_t* data() const { return data_; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  const uint8_t* begin() const { return data_; }
+  const uint8_t* end() const { return data_ + size_; }
+  uint8_t operator[](size_t i) const { return data_[i]; }
+
+  std::vector<uint8_t> ToVector() const { return {data_, data_ + size_}; }
+  std::string_view AsStringView() const {
+    return {reinterpret_cast<const char*>(data_), size_};
+  }
+  std::span<const uint8_t> AsSpan() const { return {data_, size_}; }
+
+  friend bool operator==(const Input& a, const Input& b);
+  friend bool operator<(const Input& a, const Input& b);  // lexicographic
+
+ private:
+  const uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+// An identifier octet (class, constructed bit and tag number) packed into 32
+// bits: the class and constructed bits of the first identifier octet in the
+// top byte, the tag number below. Universal tags below 31 therefore compare
+// equal to (first octet << 24) | number.
+using Tag = uint32_t;
+
+enum class TagClass : uint8_t { kUniversal = 0x00, kApplication = 0x40, kContextSpecific = 0x80, kPrivate = 0xC0 };
+
+constexpr uint32_t kTagConstructedBit = 0x20u << 24;
+constexpr Tag MakeTag(TagClass cls, bool constructed, uint32_t number) {
+  return (static_cast<uint32_t>(cls) << 24) | (constructed ? kTagConstructedBit : 0) |
+         (number & 0x1FFFFFFFu);
+}
+constexpr Tag ContextSpecific(uint32_t n) { return MakeTag(TagClass::kContextSpecific, false, n); }
+constexpr Tag ContextSpecificConstructed(uint32_t n) {
+  return MakeTag(TagClass::kContextSpecific, true, n);
+}
+constexpr Tag Application(uint32_t n) { return MakeTag(TagClass::kApplication, false, n); }
+constexpr Tag ApplicationConstructed(uint32_t n) { return MakeTag(TagClass::kApplication, true, n); }
+constexpr bool IsConstructed(Tag t) { return (t & kTagConstructedBit) != 0; }
+constexpr uint32_t TagNumber(Tag t) { return t & 0x1FFFFFFFu; }
+constexpr TagClass ClassOf(Tag t) { return static_cast<TagClass>((t >> 24) & 0xC0); }
+
+constexpr Tag kBoolean = MakeTag(TagClass::kUniversal, false, 1);
+constexpr Tag kInteger = MakeTag(TagClass::kUniversal, false, 2);
+constexpr Tag kBitString = MakeTag(TagClass::kUniversal, false, 3);
+constexpr Tag kOctetString = MakeTag(TagClass::kUniversal, false, 4);
+constexpr Tag kNull = MakeTag(TagClass::kUniversal, false, 5);
+constexpr Tag kOid = MakeTag(TagClass::kUniversal, false, 6);
+constexpr Tag kEnumerated = MakeTag(TagClass::kUniversal, false, 10);
+constexpr Tag kUtf8String = MakeTag(TagClass::kUniversal, false, 12);
+constexpr Tag kNumericString = MakeTag(TagClass::kUniversal, false, 18);
+constexpr Tag kPrintableString = MakeTag(TagClass::kUniversal, false, 19);
+constexpr Tag kT61String = MakeTag(TagClass::kUniversal, false, 20);
+constexpr Tag kIa5String = MakeTag(TagClass::kUniversal, false, 22);
+constexpr Tag kUtcTime = MakeTag(TagClass::kUniversal, false, 23);
+constexpr Tag kGeneralizedTime = MakeTag(TagClass::kUniversal, false, 24);
+constexpr Tag kVisibleString = MakeTag(TagClass::kUniversal, false, 26);
+constexpr Tag kUniversalString = MakeTag(TagClass::kUniversal, false, 28);
+constexpr Tag kBmpString = MakeTag(TagClass::kUniversal, false, 30);
+constexpr Tag kSequence = MakeTag(TagClass::kUniversal, true, 16);
+constexpr Tag kSet = MakeTag(TagClass::kUniversal, true, 17);
+
+// How strictly a Parser reads lengths.
+enum class Mode : uint8_t {
+  // Definite, minimal lengths of at most 4 octets; minimal tag numbers.
+  kDer,
+  // Also accepts non-minimal and long-form lengths (up to 8 octets) and, for
+  // constructed elements, the indefinite length closed by end-of-contents.
+  kBer,
+};
+
+// Limits a Parser enforces; reaching one fails the read.
+struct Limits {
+  uint32_t max_depth = 64;                 // nesting of constructed elements
+  size_t max_element_size = size_t{1} << 31;  // content octets of one element
+};
+
+// Reads consecutive TLVs from an Input. Child parsers returned by
+// ReadConstructed() view a sub-range of the same bytes.
+class Parser {
+ public:
+  Parser() = default;
+  explicit Parser(Input input, Mode mode = Mode::kDer, Limits limits = {})
+      : input_(input), mode_(mode), limits_(limits) {}
+
+  bool HasMore() const { return pos_ < input_.size() && !failed_; }
+  Mode mode() const { return mode_; }
+  // The bytes not yet read.
+  Input Remaining() const { return Input(input_.data() + pos_, input_.size() - pos_); }
+
+  // Tag of the next element without consuming it.
+  [[nodiscard]] bool PeekTag(Tag* tag) const;
+
+  // Reads the next element: its tag and content octets (for an indefinite
+  // length, the content without the end-of-contents octets).
+  [[nodiscard]] bool ReadTagAndValue(Tag* tag, Input* value);
+  // As above, also giving the whole element (identifier, length, content).
+  [[nodiscard]] bool ReadElement(Tag* tag, Input* value, Input* whole);
+  // Reads the next element whole, as it stands in the input.
+  [[nodiscard]] bool ReadRawTLV(Input* whole);
+  // Reads the next element, which must carry |tag|.
+  [[nodiscard]] bool Read(Tag tag, Input* value);
+  // Reads the next element when it carries |tag|; *present tells whether it did.
+  [[nodiscard]] bool ReadOptional(Tag tag, Input* value, bool* present);
+  [[nodiscard]] bool SkipOptional(Tag tag, bool* present);
+  [[nodiscard]] bool Skip(Tag tag);
+
+  // Reads a constructed element with |tag| and hands back a parser over its
+  // content, with this parser's mode and one more level of depth.
+  [[nodiscard]] bool ReadConstructed(Tag tag, Parser* child);
+  [[nodiscard]] bool ReadSequence(Parser* child) { return ReadConstructed(kSequence, child); }
+  [[nodiscard]] bool ReadOptionalConstructed(Tag tag, Parser* child, bool* present);
+
+  // Typed primitives.
+  [[nodiscard]] bool ReadBool(bool* out);            // DER: 0x00 or 0xFF only
+  [[nodiscard]] bool ReadInteger(Input* content);    // minimal two's complement content
+  [[nodiscard]] bool ReadUint64(uint64_t* out);      // non-negative INTEGER fitting 64 bits
+  [[nodiscard]] bool ReadEnumerated(uint64_t* out);
+  [[nodiscard]] bool ReadOid(Input* content);
+  // BIT STRING: the bit bytes and the count of unused bits in the last one.
+  [[nodiscard]] bool ReadBitString(Input* bits, uint8_t* unused_bits);
+
+ private:
+  bool Fail() { failed_ = true; return false; }
+  bool ParseHeader(size_t at, Tag* tag, size_t* header_len, size_t* content_len,
+                   bool* indefinite) const;
+  bool FindEndOfContents(size_t content_start, uint32_t depth, size_t* content_len) const;
+
+  Input input_;
+  size_t pos_ = 0;
+  Mode mode_ = Mode::kDer;
+  Limits limits_;
+  uint32_t depth_ = 0;
+  bool failed_ = false;
+};
+
+// Writes DER. Constructed elements are opened and closed; lengths are filled
+// in when an element is closed.
+class Writer {
+ public:
+  Writer() = default;
+  explicit Writer(std::vector<uint8_t>* sink) : out_(sink) {}
+
+  void AddTLV(Tag tag, Input content);
+  void AddTLV(Tag tag, std::span<const uint8_t> content) { AddTLV(tag, Input(content)); }
+  // Appends bytes that already form complete TLVs.
+  void AddRaw(Input tlvs);
+  void AddInteger(uint64_t value);
+  void AddBool(bool value);
+  void AddNull();
+  // Appends an OID given as dotted text; false (nothing written) when malformed.
+  [[nodiscard]] bool AddOid(std::string_view dotted);
+  void AddBitString(Input bits, uint8_t unused_bits);
+
+  void Open(Tag tag);
+  void Close();
+
+  const std::vector<uint8_t>& bytes() const { return *out_; }
+  std::vector<uint8_t> Take() { return std::move(*out_); }
+
+ private:
+  std::vector<uint8_t> own_;
+  std::vector<uint8_t>* out_ = &own_;
+  std::vector<size_t> open_;  // content start offsets of open elements
+};
+
+// Appends the identifier and length octets of an element.
+void AppendHeader(Tag tag, size_t content_length, std::vector<uint8_t>* out);
+
+// Dotted text of OID content octets ("2.5.29.35"); false when malformed
+// (empty, truncated arc, non-minimal arc, arc beyond 64 bits).
+[[nodiscard]] bool OidToText(Input content, std::string* out);
+// Content octets of a dotted OID; false when malformed.
+[[nodiscard]] bool OidFromText(std::string_view dotted, std::vector<uint8_t>* content);
+
+// An OID held as its content octets, built once from dotted text; for
+// comparisons against parsed OIDs without converting them to text.
+class Oid {
+ public:
+  explicit Oid(std::string_view dotted);
+  Input bytes() const { return Input(content_); }
+  const std::string& text() const { return text_; }
+  bool operator==(Input other) const { return Input(content_) == other; }
+
+ private:
+  std::vector<uint8_t> content_;
+  std::string text_;
+};
+
+// Rewrites one BER element (and anything following it is an error) as DER:
+// definite minimal lengths, constructed strings joined into primitive ones,
+// SET elements sorted by their encodings. False on malformed input or when a
+// limit is reached; |out| is then cleared.
+[[nodiscard]] bool NormaliseToDer(Input ber, std::vector<uint8_t>* out, Limits limits = {});
+
+// True when |input| is exactly one element in strict DER: minimal lengths and
+// tags, primitive strings, sorted SETs, and nothing after it.
+bool IsStrictDer(Input input, Limits limits = {});
+
+}  // namespace quillon::der

@@ -1,0 +1,385 @@
+#include "quillon32/certificate.h"
+
+#include <cstring>
+
+#include "pki/der.h"
+#include "pki/x509_common.h"
+#include "quillon32/buffer.h"
+
+using quillon::der::Input;
+using quillon::der::Parser;
+namespace der = quillon::der;
+namespace pki = quillon::pki;
+
+struct Certificate::Impl {
+  pki::DerSource src;
+  // The to-be-signed bytes as received, kept only when the input was not DER.
+  std::vector<uint8_t> received_tbs;
+
+  // Views into src.bytes, set by Parse().
+  Input tbs, sig_alg, sig_value, issuer_raw, subject_raw, spki, public_key, key_alg_oid;
+  int version = 1;
+  BigInteger serial;
+  Name issuer, subject;
+  X500Time not_before, not_after;
+  std::vector<Extension> extensions;
+
+  // Certificate ::= SEQUENCE { tbsCertificate TBSCertificate,
+  //   signatureAlgorithm AlgorithmIdentifier, signatureValue BIT STRING }
+  bool Parse() {
+    Parser outer{Input(src.bytes)};
+    Parser cert;
+    if (!outer.ReadSequence(&cert) || outer.HasMore()) return false;
+    der::Tag tag;
+    Input tbs_value;
+    if (!cert.PeekTag(&tag) || tag != der::kSequence) return false;
+    if (!cert.ReadElement(&tag, &tbs_value, &tbs)) return false;
+    Input sig_oid;
+    if (!pki::ReadAlgorithmIdentifier(&cert, &sig_alg, &sig_oid)) return false;
+    uint8_t unused = 0;
+    if (!cert.ReadBitString(&sig_value, &unused) || unused != 0 || cert.HasMore()) return false;
+    return ParseTbs(tbs_value);
+  }
+
+  // TBSCertificate ::= SEQUENCE { version [0] EXPLICIT Version DEFAULT v1,
+  //   serialNumber CertificateSerialNumber, signature AlgorithmIdentifier,
+  //   issuer Name, validity Validity, subject Name,
+  //   subjectPublicKeyInfo SubjectPublicKeyInfo,
+  //   issuerUniqueID [1] IMPLICIT UniqueIdentifier OPTIONAL,
+  //   subjectUniqueID [2] IMPLICIT UniqueIdentifier OPTIONAL,
+  //   extensions [3] EXPLICIT Extensions OPTIONAL }
+  bool ParseTbs(Input content) {
+    Parser p(content);
+    Parser explicit_version;
+    bool present = false;
+    if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &explicit_version, &present))
+      return false;
+    version = 1;
+    if (present) {
+      uint64_t v = 0;
+      if (!explicit_version.ReadUint64(&v) || explicit_version.HasMore() || v > 2) return false;
+      version = static_cast<int>(v) + 1;
+    }
+    Input serial_content;
+    if (!pki::ReadSerial(&p, &serial_content) ||
+        !serial.fromDerContent(serial_content.data(), serial_content.size()))
+      return false;
+    Input inner_alg, inner_oid;
+    if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid)) return false;
+    if (!p.ReadRawTLV(&issuer_raw) || !issuer.decode(issuer_raw.data(), issuer_raw.size()))
+      return false;
+    // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
+    Parser validity;
+    if (!p.ReadSequence(&validity) || !pki::ReadTime(&validity, &not_before) ||
+        !pki::ReadTime(&validity, &not_after) || validity.HasMore())
+      return false;
+    if (!p.ReadRawTLV(&subject_raw) || !subject.decode(subject_raw.data(), subject_raw.size()))
+      return false;
+    // SubjectPublicKeyInfo ::= SEQUENCE { algorithm AlgorithmIdentifier,
+    //   subjectPublicKey BIT STRING }
+    Input spki_value;
+    if (!p.PeekTag(&tag_) || tag_ != der::kSequence || !p.ReadElement(&tag_, &spki_value, &spki))
+      return false;
+    Parser key(spki_value);
+    Input key_alg;
+    uint8_t unused = 0;
+    if (!pki::ReadAlgorithmIdentifier(&key, &key_alg, &key_alg_oid) ||
+        !key.ReadBitString(&public_key, &unused) || key.HasMore())
+      return false;
+    if (!p.SkipOptional(der::ContextSpecific(1), &present)) return false;
+    if (present && version < 2) return false;
+    if (!p.SkipOptional(der::ContextSpecific(2), &present)) return false;
+    if (present && version < 2) return false;
+    Parser exts;
+    if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(3), &exts, &present)) return false;
+    extensions.clear();
+    if (present) {
+      if (version != 3) return false;
+      Input seq;
+      if (!exts.Read(der::kSequence, &seq) || exts.HasMore()) return false;
+      if (!pki::ParseExtensions(seq, &extensions)) return false;
+    }
+    return !p.HasMore();
+  }
+
+  der::Tag tag_ = 0;
+};
+
+Certificate::Certificate() = default;
+Certificate::~Certificate() = default;
+Certificate::Certificate(Certificate&&) noexcept = default;
+Certificate& Certificate::operator=(Certificate&&) noexcept = default;
+
+Certificate::Certificate(const Certificate& other) {
+  if (other.impl_) {
+    auto copy = std::make_unique<Impl>();
+    copy->src = other.impl_->src;
+    copy->received_tbs = other.impl_->received_tbs;
+    if (copy->Parse()) impl_ = std::move(copy);
+  }
+}
+
+Certificate& Certificate::operator=(const Certificate& other) {
+  if (this != &other) {
+    Certificate copy(other);
+    impl_ = std::move(copy.impl_);
+  }
+  return *this;
+}
+
+bool Certificate::decode(const unsigned char* bytes, size_t length) {
+  impl_.reset();
+  if (!bytes || length == 0) return false;
+  auto impl = std::make_unique<Impl>();
+  const Input input(bytes, length);
+  if (!pki::MakeDerSource(input, &impl->src)) return false;
+  if (!impl->src.was_strict) {
+    // Keep the to-be-signed element exactly as it arrived.
+    Parser outer(input, der::Mode::kBer);
+    Parser cert;
+    Input tbs;
+    if (!outer.ReadSequence(&cert) || !cert.ReadRawTLV(&tbs)) return false;
+    impl->received_tbs = tbs.ToVector();
+  }
+  if (!impl->Parse()) return false;
+  impl_ = std::move(impl);
+  return true;
+}
+
+bool Certificate::decodePEM(const char* text, size_t length) {
+  impl_.reset();
+  if (!text) return false;
+  const std::string s(text, length);
+  size_t pos = 0;
+  Buffer b;
+  std::string label;
+  while (pos < s.size()) {
+    if (b.readPEMBlock(s, &pos, &label) && label == "CERTIFICATE") return decode(b.data(), b.size());
+  }
+  return false;
+}
+
+bool Certificate::isDecoded() const { return impl_ != nullptr; }
+
+std::vector<unsigned char> Certificate::encode() const {
+  if (!impl_) return {};
+  return impl_->src.bytes;
+}
+
+ByteView Certificate::der() const {
+  if (!impl_) return {};
+  return ByteView{impl_->src.bytes.data(), impl_->src.bytes.size()};
+}
+
+bool Certificate::isStrictDER() const { return impl_ && impl_->src.was_strict; }
+
+namespace {
+const BigInteger& ZeroInteger() {
+  static const BigInteger zero;
+  return zero;
+}
+const Name& EmptyName() {
+  static const Name empty;
+  return empty;
+}
+const X500Time& NoTime() {
+  static const X500Time none;
+  return none;
+}
+const std::vector<Extension>& NoExtensions() {
+  static const std::vector<Extension> none;
+  return none;
+}
+}  // namespace
+
+int Certificate::version() const { return impl_ ? impl_->version : 0; }
+const BigInteger& Certificate::serialNumber() const { return impl_ ? impl_->serial : ZeroInteger(); }
+const Name& Certificate::issuer() const { return impl_ ? impl_->issuer : EmptyName(); }
+const Name& Certificate::subject() const { return impl_ ? impl_->subject : EmptyName(); }
+const X500Time& Certificate::notBefore() const { return impl_ ? impl_->not_before : NoTime(); }
+const X500Time& Certificate::notAfter() const { return impl_ ? impl_->not_after : NoTime(); }
+
+ByteView Certificate::tbsCertificate() const {
+  if (!impl_) return {};
+  if (!impl_->received_tbs.empty())
+    return ByteView{impl_->received_tbs.data(), impl_->received_tbs.size()};
+  return pki::ToView(impl_->tbs);
+}
+ByteView Certificate::signatureAlgorithm() const { return impl_ ? pki::ToView(impl_->sig_alg) : ByteView{}; }
+ByteView Certificate::signatureValue() const { return impl_ ? pki::ToView(impl_->sig_value) : ByteView{}; }
+ByteView Certificate::issuerBytes() const { return impl_ ? pki::ToView(impl_->issuer_raw) : ByteView{}; }
+ByteView Certificate::subjectBytes() const { return impl_ ? pki::ToView(impl_->subject_raw) : ByteView{}; }
+ByteView Certificate::subjectPublicKeyInfo() const { return impl_ ? pki::ToView(impl_->spki) : ByteView{}; }
+ByteView Certificate::subjectPublicKey() const { return impl_ ? pki::ToView(impl_->public_key) : ByteView{}; }
+
+std::string Certificate::publicKeyAlgorithm() const {
+  return impl_ ? pki::OidText(impl_->key_alg_oid) : std::string();
+}
+
+const std::vector<Extension>& Certificate::extensions() const {
+  return impl_ ? impl_->extensions : NoExtensions();
+}
+
+const Extension* Certificate::extension(const char* oid) const {
+  return impl_ ? pki::FindExtension(impl_->extensions, oid) : nullptr;
+}
+
+bool Certificate::authorityKeyIdentifier(AuthorityKeyIdentifier* out) const {
+  const Extension* e = extension("2.5.29.35");
+  return e && out->decode(e->value.data(), e->value.size());
+}
+
+// SubjectKeyIdentifier ::= KeyIdentifier ::= OCTET STRING
+bool Certificate::subjectKeyIdentifier(std::vector<unsigned char>* out) const {
+  const Extension* e = extension("2.5.29.14");
+  if (!e) return false;
+  Parser p{Input(e->value)};
+  Input id;
+  if (!p.Read(der::kOctetString, &id) || p.HasMore()) return false;
+  *out = id.ToVector();
+  return true;
+}
+
+// KeyUsage ::= BIT STRING { digitalSignature (0), ... cRLSign (6), ... decipherOnly (8) }
+bool Certificate::keyUsage(unsigned* bits) const {
+  const Extension* e = extension("2.5.29.15");
+  if (!e) return false;
+  Input v;
+  uint8_t unused = 0;
+  // Lenient on trailing zero bits: many CAs encode them.
+  Parser lenient(Input(e->value), der::Mode::kBer);
+  if (!lenient.ReadBitString(&v, &unused) || lenient.HasMore()) return false;
+  unsigned mask = 0;
+  for (size_t i = 0; i < v.size() && i < 2; ++i) {
+    for (int b = 0; b < 8; ++b) {
+      if (v[i] & (0x80 >> b)) mask |= 1u << (i * 8 + b);
+    }
+  }
+  *bits = mask;
+  return true;
+}
+
+// ExtKeyUsageSyntax ::= SEQUENCE SIZE (1..MAX) OF KeyPurposeId
+bool Certificate::extendedKeyUsage(std::vector<std::string>* purposes) const {
+  const Extension* e = extension("2.5.29.37");
+  if (!e) return false;
+  Parser outer{Input(e->value)};
+  Parser seq;
+  if (!outer.ReadSequence(&seq) || outer.HasMore()) return false;
+  std::vector<std::string> out;
+  while (seq.HasMore()) {
+    Input oid;
+    if (!seq.ReadOid(&oid)) return false;
+    out.push_back(pki::OidText(oid));
+  }
+  *purposes = std::move(out);
+  return true;
+}
+
+bool Certificate::hasExtendedKeyUsage(const char* purpose) const {
+  std::vector<std::string> purposes;
+  if (!purpose || !extendedKeyUsage(&purposes)) return false;
+  for (const auto& p : purposes) {
+    if (p == purpose) return true;
+  }
+  return false;
+}
+
+// BasicConstraints ::= SEQUENCE { cA BOOLEAN DEFAULT FALSE,
+//   pathLenConstraint INTEGER (0..MAX) OPTIONAL }
+bool Certificate::basicConstraints(bool* ca, int* pathLength) const {
+  const Extension* e = extension("2.5.29.19");
+  if (!e) return false;
+  Parser outer{Input(e->value)};
+  Parser seq;
+  if (!outer.ReadSequence(&seq) || outer.HasMore()) return false;
+  Input v;
+  bool present = false;
+  *ca = false;
+  *pathLength = -1;
+  if (!seq.ReadOptional(der::kBoolean, &v, &present)) return false;
+  if (present) {
+    if (v.size() != 1) return false;
+    *ca = v[0] != 0;
+  }
+  if (seq.HasMore()) {
+    uint64_t n = 0;
+    if (!seq.ReadUint64(&n) || n > 0x7FFFFFFF) return false;
+    *pathLength = static_cast<int>(n);
+  }
+  return !seq.HasMore();
+}
+
+// CRLDistributionPoints ::= SEQUENCE SIZE (1..MAX) OF DistributionPoint
+// DistributionPoint ::= SEQUENCE { distributionPoint [0] DistributionPointName OPTIONAL,
+//   reasons [1] ReasonFlags OPTIONAL, cRLIssuer [2] GeneralNames OPTIONAL }
+bool Certificate::crlDistributionPoints(std::vector<DistributionPoint>* out) const {
+  const Extension* e = extension("2.5.29.31");
+  if (!e) return false;
+  Parser outer{Input(e->value)};
+  Parser seq;
+  if (!outer.ReadSequence(&seq) || outer.HasMore() || !seq.HasMore()) return false;
+  std::vector<DistributionPoint> points;
+  while (seq.HasMore()) {
+    Parser dp;
+    if (!seq.ReadSequence(&dp)) return false;
+    DistributionPoint point;
+    der::Tag tag;
+    Input value, whole;
+    if (dp.HasMore() && dp.PeekTag(&tag) && tag == der::ContextSpecificConstructed(0)) {
+      // [0] EXPLICIT around the DistributionPointName CHOICE.
+      if (!dp.ReadElement(&tag, &value, &whole)) return false;
+      Parser inner(value);
+      Input choice;
+      if (!inner.ReadRawTLV(&choice) || inner.HasMore()) return false;
+      if (!point.name.decode(choice.data(), choice.size())) return false;
+      point.hasName = true;
+    }
+    bool present = false;
+    if (!dp.ReadOptional(der::ContextSpecific(1), &value, &present)) return false;
+    if (present) {
+      point.hasReasons = true;
+      for (size_t i = 1; i < value.size() && i < 3; ++i) {
+        for (int b = 0; b < 8; ++b) {
+          if (value[i] & (0x80 >> b)) point.reasons |= 1u << ((i - 1) * 8 + b);
+        }
+      }
+    }
+    if (!dp.ReadOptional(der::ContextSpecificConstructed(2), &value, &present)) return false;
+    if (present && !decodeGeneralNames(value.data(), value.size(), &point.crlIssuer)) return false;
+    if (dp.HasMore()) return false;
+    points.push_back(std::move(point));
+  }
+  *out = std::move(points);
+  return true;
+}
+
+// AuthorityInfoAccessSyntax ::= SEQUENCE SIZE (1..MAX) OF AccessDescription
+// AccessDescription ::= SEQUENCE { accessMethod OID, accessLocation GeneralName }
+bool Certificate::authorityInfoAccess(const char* method, std::vector<std::string>* uris) const {
+  const Extension* e = extension("1.3.6.1.5.5.7.1.1");
+  if (!e || !method) return false;
+  const der::Oid wanted(method);
+  Parser outer{Input(e->value)};
+  Parser seq;
+  if (!outer.ReadSequence(&seq) || outer.HasMore()) return false;
+  std::vector<std::string> found;
+  while (seq.HasMore()) {
+    Parser ad;
+    Input oid;
+    if (!seq.ReadSequence(&ad) || !ad.ReadOid(&oid)) return false;
+    der::Tag tag;
+    Input value;
+    if (!ad.ReadTagAndValue(&tag, &value) || ad.HasMore()) return false;
+    if (wanted == oid && tag == der::ContextSpecific(GeneralName::kUniformResourceIdentifier)) {
+      found.emplace_back(value.AsStringView());
+    }
+  }
+  *uris = std::move(found);
+  return true;
+}
+
+bool Certificate::operator==(const Certificate& other) const {
+  if (!impl_ || !other.impl_) return !impl_ && !other.impl_;
+  return impl_->src.bytes == other.impl_->src.bytes;
+}

@@ -1,0 +1,103 @@
+#include "pki/x509_common.h"
+
+#include <cstring>
+#include <set>
+
+namespace quillon::pki {
+
+bool MakeDerSource(der::Input input, DerSource* out) {
+  der::Parser strict(input, der::Mode::kDer);
+  der::Input whole;
+  if (strict.ReadRawTLV(&whole) && !strict.HasMore() && (input[0] & 0x20) != 0) {
+    out->bytes.assign(input.begin(), input.end());
+    out->was_strict = true;
+    return true;
+  }
+  out->was_strict = false;
+  return der::NormaliseToDer(input, &out->bytes);
+}
+
+bool ReadTime(der::Parser* p, X500Time* out) {
+  der::Tag tag;
+  der::Input value;
+  if (!p->PeekTag(&tag) || (tag != der::kUtcTime && tag != der::kGeneralizedTime)) return false;
+  if (!p->ReadTagAndValue(&tag, &value)) return false;
+  return out->fromContent(tag == der::kUtcTime ? X500Time::kUTCTime : X500Time::kGeneralizedTime,
+                          value.data(), value.size());
+}
+
+bool ReadOptionalTime(der::Parser* p, X500Time* out, bool* present) {
+  der::Tag tag;
+  *present = false;
+  if (!p->HasMore() || !p->PeekTag(&tag)) return true;
+  if (tag != der::kUtcTime && tag != der::kGeneralizedTime) return true;
+  *present = true;
+  return ReadTime(p, out);
+}
+
+bool ReadGeneralizedTime(der::Parser* p, X500Time* out) {
+  der::Input value;
+  if (!p->Read(der::kGeneralizedTime, &value)) return false;
+  return out->fromContent(X500Time::kGeneralizedTime, value.data(), value.size());
+}
+
+bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid) {
+  der::Tag tag;
+  der::Input value;
+  if (!p->PeekTag(&tag) || tag != der::kSequence) return false;
+  if (!p->ReadElement(&tag, &value, whole)) return false;
+  der::Parser seq(value);
+  if (!seq.ReadOid(oid)) return false;
+  if (seq.HasMore()) {
+    der::Input params;
+    if (!seq.ReadRawTLV(&params)) return false;
+  }
+  return !seq.HasMore();
+}
+
+bool ParseExtensions(der::Input content, std::vector<Extension>* out) {
+  out->clear();
+  der::Parser p(content);
+  if (!p.HasMore()) return false;  // SIZE (1..MAX)
+  std::set<std::string> seen;
+  while (p.HasMore()) {
+    der::Parser ext;
+    der::Input oid, value;
+    if (!p.ReadSequence(&ext) || !ext.ReadOid(&oid)) return false;
+    bool critical = false, present = false;
+    der::Input crit;
+    if (!ext.ReadOptional(der::kBoolean, &crit, &present)) return false;
+    if (present) {
+      if (crit.size() != 1) return false;
+      critical = crit[0] != 0;
+    }
+    if (!ext.Read(der::kOctetString, &value) || ext.HasMore()) return false;
+    Extension e;
+    e.oid = OidText(oid);
+    if (e.oid.empty() || !seen.insert(e.oid).second) return false;
+    e.critical = critical;
+    e.value = value.ToVector();
+    out->push_back(std::move(e));
+  }
+  return true;
+}
+
+const Extension* FindExtension(const std::vector<Extension>& exts, const char* oid) {
+  if (!oid) return nullptr;
+  for (const auto& e : exts) {
+    if (e.oid == oid) return &e;
+  }
+  return nullptr;
+}
+
+bool ReadSerial(der::Parser* p, der::Input* content) {
+  return p->Read(der::kInteger, content) && !content->empty();
+}
+
+std::string OidText(der::Input content) {
+  std::string text;
+  if (!der::OidToText(content, &text)) return {};
+  return text;
+}
+
+}  // namespace quillon::pki

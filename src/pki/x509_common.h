@@ -1,0 +1,55 @@
+// Parsing pieces shared by certificates, CRLs, attribute certificates and
+// OCSP responses.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "pki/der.h"
+#include "quillon32/byte_view.h"
+#include "quillon32/extensions.h"
+#include "quillon32/x500_time.h"
+
+namespace quillon::pki {
+
+inline ByteView ToView(der::Input in) { return ByteView{in.data(), in.size()}; }
+inline der::Input ToInput(ByteView v) { return der::Input(v.data, v.size); }
+
+// The bytes an object is parsed from: the input itself when it is DER, or
+// its DER rewrite when it arrived in BER (|der_copy| then holds it).
+// |received| keeps the input for the caller to pick raw elements from.
+struct DerSource {
+  std::vector<uint8_t> bytes;  // owned DER
+  bool was_strict = true;
+};
+
+// Copies |input| into |out->bytes| when it parses as a single strict DER
+// element; otherwise rewrites it to DER. False on malformed input.
+[[nodiscard]] bool MakeDerSource(der::Input input, DerSource* out);
+
+// Time ::= CHOICE { utcTime UTCTime, generalTime GeneralizedTime }
+[[nodiscard]] bool ReadTime(der::Parser* p, X500Time* out);
+// Reads a Time when the next element is one; *present tells.
+[[nodiscard]] bool ReadOptionalTime(der::Parser* p, X500Time* out, bool* present);
+[[nodiscard]] bool ReadGeneralizedTime(der::Parser* p, X500Time* out);
+
+// AlgorithmIdentifier ::= SEQUENCE { algorithm OID, parameters ANY OPTIONAL }
+// Gives the whole element and the OID's content octets.
+[[nodiscard]] bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid);
+
+// Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension
+// Extension ::= SEQUENCE { extnID OID, critical BOOLEAN DEFAULT FALSE,
+//                          extnValue OCTET STRING }
+// Rejects duplicate extensions (RFC 5280 4.2).
+[[nodiscard]] bool ParseExtensions(der::Input sequence_content, std::vector<Extension>* out);
+
+const Extension* FindExtension(const std::vector<Extension>& exts, const char* oid);
+
+// Whether a CRL or certificate INTEGER content is usable as a serial: not
+// empty. Real-world CAs issue non-minimal encodings, which are accepted.
+[[nodiscard]] bool ReadSerial(der::Parser* p, der::Input* content);
+
+// Dotted text of an OID's content octets ("" when malformed).
+std::string OidText(der::Input content);
+
+}  // namespace quillon::pki

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Helpers shared by tests/servers/start.sh and stop.sh. Source it, don't run it.
 # Everything here talks to 127.0.0.1 only, and every loop is bounded.
 #
@@ -89,11 +90,16 @@ owns_port() {
     ss -Hltnp "( sport = :$2 )" 2>/dev/null | grep -q "pid=$1,"
 }
 
-# record DIR NAME PID: note the PID and its command name for stop.sh.
+# record DIR NAME PID PROGRAM: note the PID, and the command name it will have
+# (/proc/PID/comm: the program's file name, cut to 15 characters), for stop.sh.
+# The name comes from PROGRAM rather than from /proc: just after `prog &` the
+# child can still be the shell that is about to exec it.
 record() {
+    local comm
+    comm=$(basename -- "$4")
     mkdir -p "$1/run"
     echo "$3" >"$1/run/$2.pid"
-    pid_comm "$3" >"$1/run/$2.comm"
+    echo "${comm:0:15}" >"$1/run/$2.comm"
 }
 
 # wait_gone TRIES PID...: poll every 50 ms until none of the PIDs is alive.
@@ -147,6 +153,7 @@ stop_recorded() {
         name=$(cat "${pf%.pid}.comm" 2>/dev/null || true)
         pid=$(head -n1 "$pf" 2>/dev/null || true)
         if stop_pid "$pid" "$name"; then
+            note "${name:-?} $pid stopped (${pf##*/})"
             rm -f -- "$pf" "${pf%.pid}.comm"
         else
             rc=1

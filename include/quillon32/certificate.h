@@ -52,6 +52,7 @@ class QUILLON32_API Certificate {
   ByteView tbsCertificate() const;      // the signed bytes
   ByteView signatureAlgorithm() const;  // AlgorithmIdentifier element of the outer signature
   ByteView signatureValue() const;      // the signature bits (BIT STRING content less its first octet)
+  int signatureUnusedBits() const;      // unused bits of that BIT STRING (0 for any valid signature)
   ByteView issuerBytes() const;         // Name element
   ByteView subjectBytes() const;        // Name element
   ByteView subjectPublicKeyInfo() const;  // SubjectPublicKeyInfo element

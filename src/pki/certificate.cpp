@@ -18,6 +18,7 @@ struct Certificate::Impl {
 
   // Views into src.bytes, set by Parse().
   Input tbs, sig_alg, sig_value, issuer_raw, subject_raw, spki, public_key, key_alg_oid;
+  uint8_t sig_unused_bits = 0;
   int version = 1;
   BigInteger serial;
   Name issuer, subject;
@@ -36,8 +37,9 @@ struct Certificate::Impl {
     if (!cert.ReadElement(&tag, &tbs_value, &tbs)) return false;
     Input sig_oid;
     if (!pki::ReadAlgorithmIdentifier(&cert, &sig_alg, &sig_oid)) return false;
-    uint8_t unused = 0;
-    if (!cert.ReadBitString(&sig_value, &unused) || unused != 0 || cert.HasMore()) return false;
+    // A signature with unused bits cannot be valid, but the certificate still
+    // decodes: verification is where it fails.
+    if (!cert.ReadBitString(&sig_value, &sig_unused_bits) || cert.HasMore()) return false;
     return ParseTbs(tbs_value);
   }
 
@@ -207,6 +209,7 @@ ByteView Certificate::tbsCertificate() const {
 }
 ByteView Certificate::signatureAlgorithm() const { return impl_ ? pki::ToView(impl_->sig_alg) : ByteView{}; }
 ByteView Certificate::signatureValue() const { return impl_ ? pki::ToView(impl_->sig_value) : ByteView{}; }
+int Certificate::signatureUnusedBits() const { return impl_ ? impl_->sig_unused_bits : 0; }
 ByteView Certificate::issuerBytes() const { return impl_ ? pki::ToView(impl_->issuer_raw) : ByteView{}; }
 ByteView Certificate::subjectBytes() const { return impl_ ? pki::ToView(impl_->subject_raw) : ByteView{}; }
 ByteView Certificate::subjectPublicKeyInfo() const { return impl_ ? pki::ToView(impl_->spki) : ByteView{}; }

@@ -1,0 +1,483 @@
+// Distinguished names: DER/BER decoding, DER encoding, the text printer that
+// makes the CA table keys and CRL issuer texts, the text parser and the
+// value-type normalisation.
+#include "quillon32/name.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string_view>
+
+#include "pki/der.h"
+#include "pki/name_table.h"
+
+namespace quillon {
+namespace {
+
+using der::Input;
+using der::Parser;
+using der::Writer;
+namespace table = name_table;
+
+// Universal tag numbers of the value types the name code converts.
+constexpr int kOctetStringTag = 4;
+constexpr int kUtf8StringTag = 12;
+constexpr int kPrintableStringTag = 19;
+constexpr int kT61StringTag = 20;
+constexpr int kIa5StringTag = 22;
+constexpr int kUniversalStringTag = 28;
+constexpr int kBmpStringTag = 30;
+
+// The parser and the encoder read tag numbers of at most four base-128 octets.
+constexpr int kMaxValueTag = 0x0FFFFFFF;
+
+// Printed attributes per name; further ones are left out of the text.
+constexpr int kMaxPrintedAttributes = 30;
+
+constexpr uint32_t kReplacementCharacter = 0xFFFD;
+
+// ---------------------------------------------------------------------------
+// Character sets
+
+void AppendUtf8(uint32_t cp, std::string* out) {
+  if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = kReplacementCharacter;
+  if (cp < 0x80) {
+    out->push_back(static_cast<char>(cp));
+  } else if (cp < 0x800) {
+    out->push_back(static_cast<char>(0xC0 | (cp >> 6)));
+    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else if (cp < 0x10000) {
+    out->push_back(static_cast<char>(0xE0 | (cp >> 12)));
+    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else {
+    out->push_back(static_cast<char>(0xF0 | (cp >> 18)));
+    out->push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  }
+}
+
+// T61String values are taken as Latin-1, as certificates in practice use them.
+std::string Latin1ToUtf8(const std::vector<unsigned char>& in) {
+  std::string out;
+  out.reserve(in.size());
+  for (unsigned char c : in) AppendUtf8(c, &out);
+  return out;
+}
+
+// BMPString: UCS-2 big-endian. Surrogate pairs are combined as UTF-16 would
+// have them; a lone surrogate or an odd final octet becomes U+FFFD.
+std::string Utf16BeToUtf8(const std::vector<unsigned char>& in) {
+  std::string out;
+  out.reserve(in.size());
+  size_t i = 0;
+  for (; i + 1 < in.size(); i += 2) {
+    uint32_t unit = (static_cast<uint32_t>(in[i]) << 8) | in[i + 1];
+    if (unit >= 0xD800 && unit <= 0xDBFF && i + 3 < in.size()) {
+      const uint32_t low = (static_cast<uint32_t>(in[i + 2]) << 8) | in[i + 3];
+      if (low >= 0xDC00 && low <= 0xDFFF) {
+        unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+        i += 2;
+      }
+    }
+    AppendUtf8(unit, &out);
+  }
+  if (i < in.size()) AppendUtf8(kReplacementCharacter, &out);
+  return out;
+}
+
+// UniversalString: UCS-4 big-endian; an incomplete final character or a
+// value outside Unicode becomes U+FFFD.
+std::string Ucs4BeToUtf8(const std::vector<unsigned char>& in) {
+  std::string out;
+  out.reserve(in.size());
+  size_t i = 0;
+  for (; i + 3 < in.size(); i += 4) {
+    const uint32_t cp = (static_cast<uint32_t>(in[i]) << 24) |
+                        (static_cast<uint32_t>(in[i + 1]) << 16) |
+                        (static_cast<uint32_t>(in[i + 2]) << 8) | in[i + 3];
+    AppendUtf8(cp, &out);
+  }
+  if (i < in.size()) AppendUtf8(kReplacementCharacter, &out);
+  return out;
+}
+
+// The value as UTF-8 text. The 7-bit string types, UTF8String and any other
+// type are taken octet for octet.
+std::string ValueText(const Name::Attribute& a) {
+  switch (a.valueTag) {
+    case kT61StringTag:
+      return Latin1ToUtf8(a.value);
+    case kBmpStringTag:
+      return Utf16BeToUtf8(a.value);
+    case kUniversalStringTag:
+      return Ucs4BeToUtf8(a.value);
+    default:
+      return std::string(a.value.begin(), a.value.end());
+  }
+}
+
+void SetText(Name::Attribute* a, const std::string& text) { a->value.assign(text.begin(), text.end()); }
+
+// ---------------------------------------------------------------------------
+// Types and labels
+
+char AsciiUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
+bool EqualsIgnoringAsciiCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (AsciiUpper(a[i]) != AsciiUpper(b[i])) return false;
+  }
+  return true;
+}
+
+bool IsDottedOid(std::string_view text) {
+  if (text.empty() || !std::all_of(text.begin(), text.end(),
+                                   [](char c) { return (c >= '0' && c <= '9') || c == '.'; })) {
+    return false;
+  }
+  std::vector<uint8_t> content;
+  return der::OidFromText(text, &content);
+}
+
+// The dotted OID for a type written in a name text: a label of the table
+// (any letter case), a dotted OID, or "OID." followed by a dotted OID.
+bool ResolveType(std::string_view text, std::string* oid) {
+  for (const auto& row : table::kRows) {
+    if (EqualsIgnoringAsciiCase(text, row.label)) {
+      *oid = row.type;
+      return true;
+    }
+  }
+  constexpr std::string_view kOidPrefix = "OID.";
+  if (text.size() > kOidPrefix.size() &&
+      EqualsIgnoringAsciiCase(text.substr(0, kOidPrefix.size()), kOidPrefix)) {
+    text.remove_prefix(kOidPrefix.size());
+  }
+  if (!IsDottedOid(text)) return false;
+  *oid = text;
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// DER
+
+// AttributeTypeAndValue ::= SEQUENCE { type OBJECT IDENTIFIER, value ANY }
+//
+// The value is kept as its universal tag number and content octets, so only
+// primitive values of the universal class (the string types in practice) are
+// accepted.
+bool DecodeAttribute(Parser* rdn, Name::Attribute* out) {
+  Parser atv;
+  Input oid;
+  der::Tag tag;
+  Input value;
+  if (!rdn->ReadSequence(&atv) || !atv.ReadOid(&oid) || !atv.ReadTagAndValue(&tag, &value) ||
+      !atv.Remaining().empty()) {
+    return false;
+  }
+  if (der::ClassOf(tag) != der::TagClass::kUniversal || der::IsConstructed(tag) ||
+      der::TagNumber(tag) == 0 || der::TagNumber(tag) > kMaxValueTag) {
+    return false;
+  }
+  if (!der::OidToText(oid, &out->type)) return false;
+  out->valueTag = static_cast<int>(der::TagNumber(tag));
+  out->value = value.ToVector();
+  return true;
+}
+
+// Name ::= SEQUENCE OF RelativeDistinguishedName
+// RelativeDistinguishedName ::= SET SIZE (1..MAX) OF AttributeTypeAndValue
+bool DecodeName(Input der_bytes, std::vector<Name::RDN>* out) {
+  Parser top(der_bytes);
+  Parser name;
+  if (!top.ReadSequence(&name) || !top.Remaining().empty()) return false;
+  while (!name.Remaining().empty()) {
+    Parser set;
+    if (!name.ReadConstructed(der::kSet, &set)) return false;
+    Name::RDN rdn;
+    while (!set.Remaining().empty()) {
+      Name::Attribute a;
+      if (!DecodeAttribute(&set, &a)) return false;
+      rdn.push_back(std::move(a));
+    }
+    if (rdn.empty()) return false;
+    out->push_back(std::move(rdn));
+  }
+  return true;
+}
+
+bool EncodeAttribute(const Name::Attribute& a, std::vector<uint8_t>* out) {
+  std::vector<uint8_t> oid;
+  if (a.valueTag <= 0 || a.valueTag > kMaxValueTag || !der::OidFromText(a.type, &oid)) {
+    return false;
+  }
+  Writer w(out);
+  w.Open(der::kSequence);
+  w.AddTLV(der::kOid, Input(oid));
+  w.AddTLV(der::MakeTag(der::TagClass::kUniversal, false, static_cast<uint32_t>(a.valueTag)),
+           Input(a.value));
+  w.Close();
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Printing
+
+// The text that stands for a value in a printed name: its UTF-8 text, with
+// each NUL character written as "\00" (a name text never holds a NUL) and a
+// blank added after a final backslash (which would otherwise escape the
+// separator or closing quote that follows it).
+std::string DisplayText(const Name::Attribute& a) {
+  const std::string text = ValueText(a);
+  std::string out;
+  out.reserve(text.size() + 1);
+  for (char c : text) {
+    if (c == '\0') {
+      out += "\\00";
+    } else {
+      out.push_back(c);
+    }
+  }
+  if (!out.empty() && out.back() == '\\') out.push_back(' ');
+  return out;
+}
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
+
+// A value is written bare unless the parser would read it back differently:
+// a leading blank (skipped), a leading quote (taken as a quoted value) or a
+// "," or "+" not preceded by a backslash (taken as a separator).
+bool NeedsQuotes(std::string_view text) {
+  if (text.empty()) return false;
+  if (IsBlank(text[0]) || text[0] == '"') return true;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if ((text[i] == ',' || text[i] == '+') && (i == 0 || text[i - 1] != '\\')) return true;
+  }
+  return false;
+}
+
+void AppendValue(std::string_view text, std::string* out) {
+  if (!NeedsQuotes(text)) {
+    out->append(text);
+    return;
+  }
+  out->push_back('"');
+  for (char c : text) {
+    if (c == '"') out->push_back('\\');
+    out->push_back(c);
+  }
+  out->push_back('"');
+}
+
+// ---------------------------------------------------------------------------
+// Parsing
+
+const char* SkipBlanks(const char* p) {
+  while (IsBlank(*p)) ++p;
+  return p;
+}
+
+// Reads "type=value" at |*p| and leaves |*p| at the separator or the end.
+bool ParseAttribute(const char** p, Name::Attribute* out) {
+  const char* s = SkipBlanks(*p);
+  const char* type_end = s;
+  while (*type_end != '\0' && *type_end != '=') ++type_end;
+  if (*type_end != '=' || type_end == s) return false;
+  std::string type(s, type_end);
+  std::transform(type.begin(), type.end(), type.begin(), AsciiUpper);
+  if (!ResolveType(type, &out->type)) return false;
+
+  s = SkipBlanks(type_end + 1);
+  std::string value;
+  if (*s == '"') {
+    // Quoted: ends at a quote not preceded by a backslash; the backslash of
+    // such an escaped quote is dropped, every other character kept.
+    for (++s;; ++s) {
+      if (*s == '\0') return false;
+      if (*s == '\\' && s[1] == '"') {
+        value.push_back('"');
+        ++s;
+      } else if (*s == '"') {
+        break;
+      } else {
+        value.push_back(*s);
+      }
+    }
+    s = SkipBlanks(s + 1);
+    if (*s != '\0' && *s != ',' && *s != '+') return false;
+  } else {
+    // Bare: ends at the first "," or "+" not preceded by a backslash; the
+    // backslash stays in the value. The character before |s| is "=" or a
+    // blank, so looking one back is always inside the text.
+    const char* start = s;
+    while (*s != '\0' && !((*s == ',' || *s == '+') && s[-1] != '\\')) ++s;
+    value.assign(start, s);
+  }
+  out->valueTag = kUtf8StringTag;
+  SetText(out, value);
+  *p = s;
+  return true;
+}
+
+bool ParseName(const char* text, std::vector<Name::RDN>* out) {
+  const char* p = SkipBlanks(text);
+  if (*p == '\0') return true;  // the empty name
+  bool same_rdn = false;
+  for (;;) {
+    Name::Attribute a;
+    if (!ParseAttribute(&p, &a)) return false;
+    if (same_rdn) {
+      out->back().push_back(std::move(a));
+    } else {
+      out->push_back({std::move(a)});
+    }
+    if (*p == '\0') return true;
+    same_rdn = *p == '+';
+    ++p;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Normalisation
+
+// UTF8String octets are already 8-bit text (UTF-8, the library's text
+// encoding); BMPString and UniversalString values are rewritten in UTF-8.
+// Any other type keeps its octets.
+void ToEightBit(Name::Attribute* a) {
+  if (a->valueTag == kBmpStringTag || a->valueTag == kUniversalStringTag) {
+    SetText(a, ValueText(*a));
+  }
+}
+
+void NormaliseAttribute(Name::Attribute* a) {
+  const std::string_view type = a->type;
+  if (type == table::kCountry || type == table::kSerialNumber || type == table::kDnQualifier) {
+    ToEightBit(a);
+    a->valueTag = kPrintableStringTag;
+    return;
+  }
+  if (type == table::kDomainComponent || type == table::kEmailAddress) {
+    ToEightBit(a);
+    a->valueTag = kIa5StringTag;
+    return;
+  }
+  switch (a->valueTag) {
+    case kOctetStringTag:
+    case kPrintableStringTag:
+    case kIa5StringTag:
+      a->valueTag = kUtf8StringTag;
+      break;
+    case kT61StringTag:
+    case kUniversalStringTag:
+    case kBmpStringTag:
+      SetText(a, ValueText(*a));
+      a->valueTag = kUtf8StringTag;
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
+}  // namespace quillon
+
+bool Name::decode(const unsigned char* der, size_t length) {
+  if (der == nullptr) return false;
+  try {
+    std::vector<uint8_t> normalised;
+    if (!quillon::der::NormaliseToDer(quillon::der::Input(der, length), &normalised)) return false;
+    std::vector<RDN> rdns;
+    if (!quillon::DecodeName(quillon::der::Input(normalised), &rdns)) return false;
+    rdns_ = std::move(rdns);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+std::vector<unsigned char> Name::encode() const {
+  try {
+    std::vector<uint8_t> out;
+    quillon::der::Writer w(&out);
+    w.Open(quillon::der::kSequence);
+    for (const RDN& rdn : rdns_) {
+      // DER orders the members of a SET OF by their encodings.
+      std::vector<std::vector<uint8_t>> members;
+      for (const Attribute& a : rdn) {
+        std::vector<uint8_t> atv;
+        if (quillon::EncodeAttribute(a, &atv)) members.push_back(std::move(atv));
+      }
+      if (members.empty()) continue;
+      std::sort(members.begin(), members.end());
+      w.Open(quillon::der::kSet);
+      for (const auto& m : members) w.AddRaw(quillon::der::Input(m));
+      w.Close();
+    }
+    w.Close();
+    return out;
+  } catch (...) {
+    return {};
+  }
+}
+
+bool Name::parse(const char* text) {
+  if (text == nullptr) return false;
+  try {
+    std::vector<RDN> rdns;
+    if (!quillon::ParseName(text, &rdns)) return false;
+    for (RDN& rdn : rdns) {
+      for (Attribute& a : rdn) quillon::NormaliseAttribute(&a);
+    }
+    rdns_ = std::move(rdns);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+std::string Name::toString() const {
+  try {
+    std::string out;
+    int printed = 0;
+    for (const auto& printed_type : quillon::name_table::kPrintedTypes) {
+      for (const RDN& rdn : rdns_) {
+        for (const Attribute& a : rdn) {
+          if (a.type != printed_type.type) continue;
+          if (printed == quillon::kMaxPrintedAttributes) return out;
+          if (printed++ > 0) out += ", ";
+          out += printed_type.label;
+          out += '=';
+          quillon::AppendValue(quillon::DisplayText(a), &out);
+        }
+      }
+    }
+    return out;
+  } catch (...) {
+    return {};
+  }
+}
+
+void Name::normalise() {
+  for (RDN& rdn : rdns_) {
+    for (Attribute& a : rdn) quillon::NormaliseAttribute(&a);
+  }
+}
+
+std::string Name::attributeText(const char* type) const {
+  if (type == nullptr) return {};
+  try {
+    std::string oid;
+    if (!quillon::ResolveType(type, &oid)) return {};
+    for (const RDN& rdn : rdns_) {
+      for (const Attribute& a : rdn) {
+        if (a.type == oid) return quillon::ValueText(a);
+      }
+    }
+  } catch (...) {
+  }
+  return {};
+}
+
+bool Name::operator==(const Name& other) const { return encode() == other.encode(); }

@@ -10,7 +10,7 @@ packages=(
   # libraries the library links
   libssl-dev libcurl4-openssl-dev libxml2-dev
   # tests, benchmarks, fuzzing
-  googletest libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev clang libclang-rt-14-dev
   # servers and tools the tests start on 127.0.0.1
   openssl curl nginx libnginx-mod-http-echo faketime python3 iproute2 procps
   slapd ldap-utils

@@ -69,11 +69,20 @@
 struct ossl_lib_ctx_st;
 struct evp_md_st;
 struct ec_group_st;
+struct ossl_provider_st;
 
 namespace quillon::pki {
 
 // The digests the device computes.
-enum class DigestAlgorithm : uint8_t { kMd5, kSha1, kSha224, kSha256, kSha384, kSha512, kRipemd160 };
+enum class DigestAlgorithm : uint8_t {
+  kMd5,
+  kSha1,
+  kSha224,
+  kSha256,
+  kSha384,
+  kSha512,
+  kRipemd160,
+};
 inline constexpr int kDigestAlgorithmCount = 7;
 
 class CryptoDevice {
@@ -151,6 +160,8 @@ class CryptoDevice {
 
   Semaphore* guard_;
   ossl_lib_ctx_st* libctx_ = nullptr;
+  ossl_provider_st* default_provider_ = nullptr;
+  ossl_provider_st* legacy_provider_ = nullptr;  // loaded only when needed
   evp_md_st* md_[kDigestAlgorithmCount] = {};  // null: not available
   ec_group_st* frp256v1_ = nullptr;
 };

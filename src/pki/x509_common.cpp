@@ -6,15 +6,13 @@
 namespace quillon::pki {
 
 bool MakeDerSource(der::Input input, DerSource* out) {
-  der::Parser strict(input, der::Mode::kDer);
-  der::Input whole;
-  if (strict.ReadRawTLV(&whole) && !strict.HasMore() && (input[0] & 0x20) != 0) {
-    out->bytes.assign(input.begin(), input.end());
-    out->was_strict = true;
-    return true;
-  }
-  out->was_strict = false;
-  return der::NormaliseToDer(input, &out->bytes);
+  // One rewrite tells both: the input is strict DER exactly when its DER form
+  // is the input itself (nested BER counts too, not only the outer length).
+  out->bytes.clear();
+  if (input.empty() || (input[0] & 0x20) == 0 || !der::NormaliseToDer(input, &out->bytes))
+    return false;
+  out->was_strict = der::Input(out->bytes) == input;
+  return true;
 }
 
 bool ReadTime(der::Parser* p, X500Time* out) {

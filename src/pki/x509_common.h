@@ -23,8 +23,9 @@ struct DerSource {
   bool was_strict = true;
 };
 
-// Copies |input| into |out->bytes| when it parses as a single strict DER
-// element; otherwise rewrites it to DER. False on malformed input.
+// Puts the DER form of the single constructed element |input| into
+// |out->bytes| and tells whether the input already was strict DER. False on
+// malformed input or trailing bytes.
 [[nodiscard]] bool MakeDerSource(der::Input input, DerSource* out);
 
 // Time ::= CHOICE { utcTime UTCTime, generalTime GeneralizedTime }

@@ -71,7 +71,8 @@ step "fuzz targets (clang, libFuzzer, ${FUZZ_SECONDS}s each)"
 if CC=clang CXX=clang++ build build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
      -DQUILLON_BUILD_TESTS=OFF -DQUILLON_BUILD_BENCH=OFF -DQUILLON_BUILD_FUZZ=ON \
      "-DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all" \
-     "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined"; then
+     "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined" \
+     "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined"; then
   for fuzzer in build-fuzz/fuzz/*_fuzzer; do
     [ -x "$fuzzer" ] || continue
     name=$(basename "$fuzzer")

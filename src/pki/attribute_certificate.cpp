@@ -169,39 +169,20 @@ ByteView AttributeCertificate::der() const {
 
 bool AttributeCertificate::isStrictDER() const { return impl_ && impl_->src.was_strict; }
 
-namespace {
-const BigInteger& ZeroInteger() {
-  static const BigInteger zero;
-  return zero;
-}
-const Name& EmptyName() {
-  static const Name empty;
-  return empty;
-}
-const X500Time& NoTime() {
-  static const X500Time none;
-  return none;
-}
-const std::vector<Extension>& NoExtensions() {
-  static const std::vector<Extension> none;
-  return none;
-}
-}  // namespace
-
 int AttributeCertificate::version() const { return impl_ ? 2 : 0; }
 bool AttributeCertificate::hasIssuerName() const { return impl_ && !impl_->issuer_raw.empty(); }
-const Name& AttributeCertificate::issuer() const { return impl_ ? impl_->issuer : EmptyName(); }
+const Name& AttributeCertificate::issuer() const { return impl_ ? impl_->issuer : pki::EmptyName(); }
 ByteView AttributeCertificate::issuerBytes() const {
   return impl_ ? pki::ToView(impl_->issuer_raw) : ByteView{};
 }
 const BigInteger& AttributeCertificate::serialNumber() const {
-  return impl_ ? impl_->serial : ZeroInteger();
+  return impl_ ? impl_->serial : pki::ZeroInteger();
 }
 const X500Time& AttributeCertificate::notBefore() const {
-  return impl_ ? impl_->not_before : NoTime();
+  return impl_ ? impl_->not_before : pki::NoTime();
 }
 const X500Time& AttributeCertificate::notAfter() const {
-  return impl_ ? impl_->not_after : NoTime();
+  return impl_ ? impl_->not_after : pki::NoTime();
 }
 
 ByteView AttributeCertificate::acinfo() const {
@@ -227,7 +208,7 @@ ByteView AttributeCertificate::signatureValue() const {
 }
 
 const std::vector<Extension>& AttributeCertificate::extensions() const {
-  return impl_ ? impl_->extensions : NoExtensions();
+  return impl_ ? impl_->extensions : pki::NoExtensions();
 }
 
 const Extension* AttributeCertificate::extension(const char* oid) const {

@@ -175,31 +175,12 @@ ByteView Certificate::der() const {
 
 bool Certificate::isStrictDER() const { return impl_ && impl_->src.was_strict; }
 
-namespace {
-const BigInteger& ZeroInteger() {
-  static const BigInteger zero;
-  return zero;
-}
-const Name& EmptyName() {
-  static const Name empty;
-  return empty;
-}
-const X500Time& NoTime() {
-  static const X500Time none;
-  return none;
-}
-const std::vector<Extension>& NoExtensions() {
-  static const std::vector<Extension> none;
-  return none;
-}
-}  // namespace
-
 int Certificate::version() const { return impl_ ? impl_->version : 0; }
-const BigInteger& Certificate::serialNumber() const { return impl_ ? impl_->serial : ZeroInteger(); }
-const Name& Certificate::issuer() const { return impl_ ? impl_->issuer : EmptyName(); }
-const Name& Certificate::subject() const { return impl_ ? impl_->subject : EmptyName(); }
-const X500Time& Certificate::notBefore() const { return impl_ ? impl_->not_before : NoTime(); }
-const X500Time& Certificate::notAfter() const { return impl_ ? impl_->not_after : NoTime(); }
+const BigInteger& Certificate::serialNumber() const { return impl_ ? impl_->serial : pki::ZeroInteger(); }
+const Name& Certificate::issuer() const { return impl_ ? impl_->issuer : pki::EmptyName(); }
+const Name& Certificate::subject() const { return impl_ ? impl_->subject : pki::EmptyName(); }
+const X500Time& Certificate::notBefore() const { return impl_ ? impl_->not_before : pki::NoTime(); }
+const X500Time& Certificate::notAfter() const { return impl_ ? impl_->not_after : pki::NoTime(); }
 
 ByteView Certificate::tbsCertificate() const {
   if (!impl_) return {};
@@ -220,7 +201,7 @@ std::string Certificate::publicKeyAlgorithm() const {
 }
 
 const std::vector<Extension>& Certificate::extensions() const {
-  return impl_ ? impl_->extensions : NoExtensions();
+  return impl_ ? impl_->extensions : pki::NoExtensions();
 }
 
 const Extension* Certificate::extension(const char* oid) const {

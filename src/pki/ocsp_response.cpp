@@ -10,21 +10,10 @@ namespace pki = quillon::pki;
 
 namespace {
 
-// The bytes to parse: the input rewritten to DER, and whether that changed
-// anything. BER is looked for throughout, not only in the outer element: a
-// responder may well send a DER envelope around a BER-encoded inner part.
-const Name& EmptyName() {
-  static const Name empty;
-  return empty;
-}
-const X500Time& NoTime() {
-  static const X500Time none;
-  return none;
-}
-const std::vector<Extension>& NoExtensions() {
-  static const std::vector<Extension> none;
-  return none;
-}
+using pki::EmptyName;
+using pki::NoExtensions;
+using pki::NoTime;
+
 const std::vector<OCSPSingleResponse>& NoResponses() {
   static const std::vector<OCSPSingleResponse> none;
   return none;

@@ -92,6 +92,23 @@ bool ReadSerial(der::Parser* p, der::Input* content) {
   return p->Read(der::kInteger, content) && !content->empty();
 }
 
+const BigInteger& ZeroInteger() {
+  static const BigInteger zero;
+  return zero;
+}
+const Name& EmptyName() {
+  static const Name empty;
+  return empty;
+}
+const X500Time& NoTime() {
+  static const X500Time none;
+  return none;
+}
+const std::vector<Extension>& NoExtensions() {
+  static const std::vector<Extension> none;
+  return none;
+}
+
 std::string OidText(der::Input content) {
   std::string text;
   if (!der::OidToText(content, &text)) return {};

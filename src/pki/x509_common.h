@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "pki/der.h"
+#include "quillon32/big_integer.h"
 #include "quillon32/byte_view.h"
 #include "quillon32/extensions.h"
+#include "quillon32/name.h"
 #include "quillon32/x500_time.h"
 
 namespace quillon::pki {
@@ -49,6 +51,12 @@ const Extension* FindExtension(const std::vector<Extension>& exts, const char* o
 // Whether a CRL or certificate INTEGER content is usable as a serial: not
 // empty. Real-world CAs issue non-minimal encodings, which are accepted.
 [[nodiscard]] bool ReadSerial(der::Parser* p, der::Input* content);
+
+// The values an empty (undecoded) object answers with.
+const BigInteger& ZeroInteger();
+const Name& EmptyName();
+const X500Time& NoTime();
+const std::vector<Extension>& NoExtensions();
 
 // Dotted text of an OID's content octets ("" when malformed).
 std::string OidText(der::Input content);

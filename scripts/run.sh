@@ -10,3 +10,15 @@ cmake --build build --target quillon
 Q=build/tools/quillon
 echo "\$ quillon --version"; "$Q" --version
 echo "\$ quillon --help";    "$Q" --help
+
+# The example CA certificates: a fresh CA list in a temporary directory,
+# filled from the PEM list file and the DER certificates taken from trusted
+# lists, then listed.
+CADIR=$(mktemp -d)
+trap 'rm -rf "$CADIR"' EXIT
+echo "\$ quillon --dir \$CADIR ca import examples/ca/quillon-example-cas.pem"
+"$Q" --dir "$CADIR" ca import examples/ca/quillon-example-cas.pem
+echo "\$ quillon --dir \$CADIR ca add examples/ca/from-trusted-lists/*.cer"
+"$Q" --dir "$CADIR" ca add examples/ca/from-trusted-lists/*.cer
+echo "\$ quillon --dir \$CADIR ca list"
+"$Q" --dir "$CADIR" ca list

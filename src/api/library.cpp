@@ -44,6 +44,8 @@ bool Library::Init(const char* ca_dir, const char* crl_dir, const char* ident,
   SemaphoreGuard hold(device_guard_.get());
 
   guards_ = std::make_unique<std::array<Mutex, kGuardCount>>();
+  ca_store_.clear();
+  loaded_tsls_.clear();
   settings_.eu_tsl_location.fill('\0');
   std::memcpy(settings_.eu_tsl_location.data(), kDefaultEuTslLocation,
               sizeof kDefaultEuTslLocation);

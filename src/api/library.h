@@ -10,10 +10,12 @@
 #include <string>
 
 #include "api/logger.h"
+#include "castore/ca_store.h"
 #include "pki/crypto_device.h"
 #include "quillon32/buffer.h"
 #include "quillon32/semaphore.h"
 #include "quillon32/x500_time.h"
+#include "tsl/tsl_records.h"
 
 class CertificateList;
 class BasicOCSPResponse;
@@ -85,6 +87,12 @@ class Library {
   const std::string& ca_list_path() const { return ca_list_path_; }
   const std::string& crl_cache_path() const { return crl_cache_path_; }
 
+  // The CA table, under the CA table guard.
+  castore::CaStore& ca_store() { return ca_store_; }
+  // The register of loaded trusted lists, also under the CA table guard; the
+  // CA list file carries it behind the table.
+  tsl::LoadedTslRegister& loaded_tsls() { return loaded_tsls_; }
+
  private:
   Library();
 
@@ -96,6 +104,8 @@ class Library {
   LogSetup log_;
   std::string ca_list_path_;
   std::string crl_cache_path_;
+  castore::CaStore ca_store_;
+  tsl::LoadedTslRegister loaded_tsls_;
 };
 
 // A cache context: one caller's check.

@@ -522,15 +522,42 @@ bool NormaliseToDer(Input ber, std::vector<uint8_t>* out, Limits limits) {
   return true;
 }
 
+namespace {
+
+// Walks the elements of |p| (a strict DER parser): constructed strings are
+// not DER, and the elements of a SET must stand in ascending order of their
+// encodings, as NormaliseToDer() would sort them.
+bool WalkStrict(Parser* p, uint32_t depth, bool is_set, const Limits& limits) {
+  if (depth > limits.max_depth) return false;
+  Input previous;
+  bool first = true;
+  while (p->HasMore()) {
+    Tag tag;
+    Input value, whole;
+    if (!p->ReadElement(&tag, &value, &whole)) return false;
+    if (is_set) {
+      if (!first && whole < previous) return false;
+      previous = whole;
+      first = false;
+    }
+    if (!IsConstructed(tag)) continue;
+    if (ClassOf(tag) == TagClass::kUniversal && IsStringType(TagNumber(tag))) return false;
+    Parser child(value, Mode::kDer, limits);
+    if (!WalkStrict(&child, depth + 1, tag == kSet, limits)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool IsStrictDer(Input input, Limits limits) {
-  // A strict parse of the outer element first: this rejects indefinite and
-  // non-minimal lengths cheaply before the full rewrite.
+  // One element, then nothing; checked without copying or allocating, so
+  // that DER input (the usual case) costs one walk.
   Parser strict(input, Mode::kDer, limits);
   Input whole;
   if (!strict.ReadRawTLV(&whole) || strict.HasMore()) return false;
-  std::vector<uint8_t> der;
-  if (!NormaliseToDer(input, &der, limits)) return false;
-  return Input(der) == input;
+  Parser top(input, Mode::kDer, limits);
+  return WalkStrict(&top, 0, false, limits);
 }
 
 }  // namespace quillon::der

@@ -386,10 +386,12 @@ void NormaliseAttribute(Name::Attribute* a) {
 bool Name::decode(const unsigned char* der, size_t length) {
   if (der == nullptr) return false;
   try {
+    const quillon::der::Input input(der, length);
     std::vector<uint8_t> normalised;
-    if (!quillon::der::NormaliseToDer(quillon::der::Input(der, length), &normalised)) return false;
+    const bool strict = quillon::der::IsStrictDer(input);
+    if (!strict && !quillon::der::NormaliseToDer(input, &normalised)) return false;
     std::vector<RDN> rdns;
-    if (!quillon::DecodeName(quillon::der::Input(normalised), &rdns)) return false;
+    if (!quillon::DecodeName(strict ? input : quillon::der::Input(normalised), &rdns)) return false;
     rdns_ = std::move(rdns);
     return true;
   } catch (...) {

@@ -6,13 +6,17 @@
 namespace quillon::pki {
 
 bool MakeDerSource(der::Input input, DerSource* out) {
-  // One rewrite tells both: the input is strict DER exactly when its DER form
-  // is the input itself (nested BER counts too, not only the outer length).
+  // The whole input is checked (nested BER counts too, not only the outer
+  // length); only input that is not DER is rewritten.
   out->bytes.clear();
-  if (input.empty() || (input[0] & 0x20) == 0 || !der::NormaliseToDer(input, &out->bytes))
-    return false;
-  out->was_strict = der::Input(out->bytes) == input;
-  return true;
+  if (input.empty() || (input[0] & 0x20) == 0) return false;
+  if (der::IsStrictDer(input)) {
+    out->bytes.assign(input.begin(), input.end());
+    out->was_strict = true;
+    return true;
+  }
+  out->was_strict = false;
+  return der::NormaliseToDer(input, &out->bytes);
 }
 
 bool ReadTime(der::Parser* p, X500Time* out) {

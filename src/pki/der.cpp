@@ -11,7 +11,9 @@ bool operator==(const Input& a, const Input& b) {
 }
 
 bool operator<(const Input& a, const Input& b) {
-  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end());
+  const size_t n = std::min(a.size_, b.size_);
+  const int c = n == 0 ? 0 : std::memcmp(a.data_, b.data_, n);
+  return c < 0 || (c == 0 && a.size_ < b.size_);
 }
 
 // ---------------------------------------------------------------------------
@@ -505,7 +507,10 @@ bool NormaliseElements(Parser* p, uint32_t depth, bool sort_as_set, std::vector<
     items.emplace_back();
     if (!NormaliseOne(p, depth, &items.back(), limits)) return false;
   }
-  std::sort(items.begin(), items.end());
+  std::sort(items.begin(), items.end(),
+            [](const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+              return Input(a) < Input(b);
+            });
   for (const auto& item : items) out->insert(out->end(), item.begin(), item.end());
   return true;
 }

@@ -412,7 +412,10 @@ std::vector<unsigned char> Name::encode() const {
         if (quillon::EncodeAttribute(a, &atv)) members.push_back(std::move(atv));
       }
       if (members.empty()) continue;
-      std::sort(members.begin(), members.end());
+      std::sort(members.begin(), members.end(),
+                [](const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+                  return quillon::der::Input(a) < quillon::der::Input(b);
+                });
       w.Open(quillon::der::kSet);
       for (const auto& m : members) w.AddRaw(quillon::der::Input(m));
       w.Close();

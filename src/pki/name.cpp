@@ -231,6 +231,9 @@ bool EncodeAttribute(const Name::Attribute& a, std::vector<uint8_t>* out) {
 // separator or closing quote that follows it).
 std::string DisplayText(const Name::Attribute& a) {
   const std::string text = ValueText(a);
+  if (text.find('\0') == std::string::npos && (text.empty() || text.back() != '\\')) {
+    return text;
+  }
   std::string out;
   out.reserve(text.size() + 1);
   for (char c : text) {
@@ -444,19 +447,41 @@ bool Name::parse(const char* text) {
 
 std::string Name::toString() const {
   try {
-    std::string out;
-    int printed = 0;
-    for (const auto& printed_type : quillon::name_table::kPrintedTypes) {
-      for (const RDN& rdn : rdns_) {
-        for (const Attribute& a : rdn) {
-          if (a.type != printed_type.type) continue;
-          if (printed == quillon::kMaxPrintedAttributes) return out;
-          if (printed++ > 0) out += ", ";
-          out += printed_type.label;
-          out += '=';
-          quillon::AppendValue(quillon::DisplayText(a), &out);
+    // Attributes in the order the table prints their types, name order
+    // within one type: the position of each attribute's type in the table,
+    // found once, then a stable sort of (position, attribute) pairs.
+    struct Item {
+      size_t order;
+      const Attribute* attribute;
+    };
+    std::vector<Item> items;
+    size_t total = 0;
+    for (const RDN& rdn : rdns_) total += rdn.size();
+    items.reserve(total);
+    size_t bytes = 0;
+    for (const RDN& rdn : rdns_) {
+      for (const Attribute& a : rdn) {
+        const auto& types = quillon::name_table::kPrintedTypes;
+        for (size_t i = 0; i < types.size(); ++i) {
+          if (std::string_view(a.type) == types[i].type) {
+            items.push_back({i, &a});
+            bytes += a.value.size() + types[i].label.size() + 3;
+            break;
+          }
         }
       }
+    }
+    std::stable_sort(items.begin(), items.end(),
+                     [](const Item& x, const Item& y) { return x.order < y.order; });
+    std::string out;
+    out.reserve(bytes);
+    int printed = 0;
+    for (const Item& item : items) {
+      if (printed == quillon::kMaxPrintedAttributes) break;
+      if (printed++ > 0) out += ", ";
+      out += quillon::name_table::kPrintedTypes[item.order].label;
+      out += '=';
+      quillon::AppendValue(quillon::DisplayText(*item.attribute), &out);
     }
     return out;
   } catch (...) {

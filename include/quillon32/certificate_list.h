@@ -54,7 +54,9 @@ class QUILLON32_API CertificateList {
   ~CertificateList();
 
   // Decodes a CRL in DER or BER. False, and the object left empty, on
-  // malformed input (a malformed entry or trailing bytes included).
+  // malformed input (a malformed entry or trailing bytes included). A caller
+  // that wants to accept a body with bytes after the CRL (some servers append
+  // a line break) passes only the first element.
   bool decode(const unsigned char* der, size_t length);
   bool isDecoded() const;
   // The DER encoding (for a DER input, the input bytes).
@@ -70,6 +72,9 @@ class QUILLON32_API CertificateList {
   // Raw elements, as received.
   ByteView tbsCertList() const;
   ByteView signatureAlgorithm() const;
+  // The signature octets (the BIT STRING without its unused-bits octet);
+  // empty when the BIT STRING is not a whole number of octets, which no
+  // signature algorithm produces.
   ByteView signatureValue() const;
   ByteView issuerBytes() const;
 
@@ -83,8 +88,12 @@ class QUILLON32_API CertificateList {
   // BigInteger::toHex() equals |serialText| exactly (case-sensitive, no
   // leading-zero normalisation); -1 when none. Builds the serial index on
   // first use.
+  // Not thread-safe until the index exists: the first findSerial() writes
+  // it. Call buildIndex() before sharing the object between threads; after
+  // that, concurrent const calls are safe.
   long findSerial(const char* serialText) const;
   // Builds the serial index now (otherwise built by the first findSerial).
+  // A copy keeps the index of the object it was copied from.
   void buildIndex() const;
 
   // CRL extensions, in encoded order.

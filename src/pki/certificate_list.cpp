@@ -1,0 +1,836 @@
+// CertificateList: X.509 CRLs, built for lists of millions of entries.
+//
+// The object owns one copy of the CRL in DER. Decoding reads the header fields
+// and walks revokedCertificates once, checking each entry's shape, noting
+// where every eighth entry starts and hashing each serial; entries are
+// decoded only when asked for. Look-up by serial text goes through an
+// open-addressing hash table over entry numbers, built once from those
+// hashes, keyed by the serial in minimal two's complement form, so that the
+// answer is the first entry in encoded order whose printed serial equals the
+// text (what a walk printing each serial would find) in constant time.
+//
+// Memory for a CRL of n entries: the DER, half a byte per entry of offsets,
+// 4 bytes per entry of serial hashes until the index is built, then 8 to 16
+// bytes per entry of hash table. Large buffers come from the platform's
+// huge-page allocator.
+
+#include "quillon32/certificate_list.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <limits>
+
+#include "pki/der.h"
+#include "pki/x509_common.h"
+#include "platform/large_memory.h"
+
+using quillon::der::Input;
+using quillon::der::Parser;
+namespace der = quillon::der;
+namespace pki = quillon::pki;
+namespace platform = quillon::platform;
+
+// Bytes of a CRL: millions of entries make tens of megabytes.
+using LargeBytes = std::vector<uint8_t, platform::LargeAllocator<uint8_t>>;
+
+namespace quillon::pki {
+namespace {
+
+// ---------------------------------------------------------------------------
+// Entry walking on raw DER.
+//
+// revokedCertificates is read with a small header reader rather than a
+// Parser: it runs once per entry on lists of millions. It accepts only what
+// the DER Parser accepts (single-octet tags, minimal definite lengths of at
+// most four octets), which holds for every byte string the object parses:
+// either the input when it is DER, or its DER rewrite.
+
+struct Header {
+  uint8_t tag = 0;
+  size_t header = 0;  // identifier and length octets
+  size_t length = 0;  // content octets
+};
+
+// Reads the element header at |p| with |avail| bytes left; the content must
+// fit in them.
+inline bool ReadHeader(const uint8_t* p, size_t avail, Header* h) {
+  if (avail < 2) return false;
+  const uint8_t tag = p[0];
+  if ((tag & 0x1F) == 0x1F) return false;  // entries use low tag numbers only
+  const uint8_t l0 = p[1];
+  size_t len = 0, hdr = 2;
+  if (l0 < 0x80) {
+    len = l0;
+  } else {
+    const size_t count = l0 & 0x7F;
+    if (count == 0 || count > 4 || avail < 2 + count || p[2] == 0) return false;
+    for (size_t k = 0; k < count; ++k) len = (len << 8) | p[2 + k];
+    if (len < 0x80) return false;  // the short form would do
+    hdr = 2 + count;
+  }
+  if (len > avail - hdr) return false;
+  h->tag = tag;
+  h->header = hdr;
+  h->length = len;
+  return true;
+}
+
+constexpr uint8_t kBooleanTag = 0x01;
+constexpr uint8_t kIntegerTag = 0x02;
+constexpr uint8_t kOctetStringTag = 0x04;
+constexpr uint8_t kOidTag = 0x06;
+constexpr uint8_t kUtcTimeTag = 0x17;
+constexpr uint8_t kGeneralizedTimeTag = 0x18;
+constexpr uint8_t kSequenceTag = 0x30;
+
+// Extension ::= SEQUENCE { extnID OID, critical BOOLEAN DEFAULT FALSE,
+//                          extnValue OCTET STRING }
+// The shape only; values are read when the entry is decoded.
+bool CheckExtensionShape(const uint8_t* p, size_t n) {
+  Header h;
+  if (!ReadHeader(p, n, &h) || h.tag != kOidTag || h.length == 0) return false;
+  size_t at = h.header + h.length;
+  if (!ReadHeader(p + at, n - at, &h)) return false;
+  if (h.tag == kBooleanTag) {
+    if (h.length != 1) return false;
+    at += h.header + h.length;
+    if (!ReadHeader(p + at, n - at, &h)) return false;
+  }
+  return h.tag == kOctetStringTag && at + h.header + h.length == n;
+}
+
+// Entry ::= SEQUENCE { userCertificate CertificateSerialNumber,
+//   revocationDate Time, crlEntryExtensions Extensions OPTIONAL }
+// Checks the entry starting at |p| and gives its whole length. Serials of any
+// length and non-minimal form are accepted: CAs issue them. Times are checked
+// by tag only here, and read in full when the entry is decoded.
+bool CheckEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t* whole,
+                Input* serial) {
+  Header e;
+  if (!ReadHeader(p, avail, &e) || e.tag != kSequenceTag) return false;
+  const uint8_t* c = p + e.header;
+  const size_t n = e.length;
+  Header h;
+  if (!ReadHeader(c, n, &h) || h.tag != kIntegerTag || h.length == 0) return false;
+  *serial = Input(c + h.header, h.length);
+  size_t at = h.header + h.length;
+  if (!ReadHeader(c + at, n - at, &h) || (h.tag != kUtcTimeTag && h.tag != kGeneralizedTimeTag) ||
+      h.length == 0)
+    return false;
+  at += h.header + h.length;
+  if (at < n) {
+    // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension; version 2 only.
+    if (!allow_extensions) return false;
+    if (!ReadHeader(c + at, n - at, &h) || h.tag != kSequenceTag || h.length == 0) return false;
+    at += h.header;
+    const size_t end = at + h.length;
+    if (end != n) return false;
+    while (at < end) {
+      Header x;
+      if (!ReadHeader(c + at, end - at, &x) || x.tag != kSequenceTag) return false;
+      if (!CheckExtensionShape(c + at + x.header, x.length)) return false;
+      at += x.header + x.length;
+    }
+  }
+  *whole = e.header + n;
+  return true;
+}
+
+// The header length of an element already checked by ReadHeader(), and its
+// content length in |length|.
+inline size_t CheckedHeader(const uint8_t* p, size_t* length) {
+  const uint8_t l0 = p[1];
+  if (l0 < 0x80) {
+    *length = l0;
+    return 2;
+  }
+  const size_t count = l0 & 0x7F;
+  size_t len = 0;
+  for (size_t k = 0; k < count; ++k) len = (len << 8) | p[2 + k];
+  *length = len;
+  return 2 + count;
+}
+
+// The whole length of the element at |p| (already checked).
+inline size_t WholeLength(const uint8_t* p) {
+  size_t length;
+  return CheckedHeader(p, &length) + length;
+}
+
+// The serial's content octets of the entry at |p| (already checked), and
+// the entry's whole length in |whole| when asked.
+inline Input EntrySerial(const uint8_t* p, size_t* whole = nullptr) {
+  size_t entry_length, serial_length;
+  const size_t entry_header = CheckedHeader(p, &entry_length);
+  if (whole) *whole = entry_header + entry_length;
+  const size_t serial_header = CheckedHeader(p + entry_header, &serial_length);
+  return Input(p + entry_header + serial_header, serial_length);
+}
+
+// The minimal two's complement form of INTEGER content octets: redundant
+// leading sign octets removed (X.690 8.3.2).
+inline Input MinimalInteger(Input v) {
+  const uint8_t* p = v.data();
+  size_t n = v.size();
+  while (n > 1 && ((p[0] == 0x00 && !(p[1] & 0x80)) || (p[0] == 0xFF && (p[1] & 0x80)))) {
+    ++p;
+    --n;
+  }
+  return Input(p, n);
+}
+
+// ---------------------------------------------------------------------------
+// Serial text.
+
+// Digit values of the upper-case hexadecimal the printer writes; 0xFF for
+// any other character (lower case included: it never matches).
+constexpr auto kHexValue = [] {
+  std::array<uint8_t, 256> t{};
+  t.fill(0xFF);
+  for (int c = 0; c < 10; ++c) t['0' + c] = static_cast<uint8_t>(c);
+  for (int c = 0; c < 6; ++c) t['A' + c] = static_cast<uint8_t>(10 + c);
+  return t;
+}();
+
+// The minimal INTEGER content octets of the value that BigInteger::toHex()
+// prints as |text|, written to |buffer| (one octet longer than half the
+// digits) and viewed by |out|; false when no value prints as |text|. The
+// printer writes an optional "-", then two upper-case digits per octet of
+// the magnitude's minimal big-endian form, and "00" for zero: so "0A" has a
+// value, while "A", "0a", "000A" and "-00" have none.
+bool SerialTextToContent(const char* text, size_t length, uint8_t* buffer, Input* out) {
+  const bool negative = text[0] == '-';
+  const char* digits = negative ? text + 1 : text;
+  const size_t count = negative ? length - 1 : length;
+  if (count == 0 || count % 2 != 0) return false;
+  const size_t octets = count / 2;
+  uint8_t* magnitude = buffer + 1;
+  for (size_t i = 0; i < octets; ++i) {
+    const uint8_t hi = kHexValue[static_cast<uint8_t>(digits[2 * i])];
+    const uint8_t lo = kHexValue[static_cast<uint8_t>(digits[2 * i + 1])];
+    if ((hi | lo) > 15) return false;
+    magnitude[i] = static_cast<uint8_t>(hi << 4 | lo);
+  }
+  if (magnitude[0] == 0) {
+    // Only zero prints a leading zero octet, and only unsigned.
+    if (octets != 1 || negative) return false;
+    *out = Input(magnitude, 1);
+    return true;
+  }
+  if (negative) {
+    // Two's complement of the magnitude.
+    for (size_t i = 0; i < octets; ++i) magnitude[i] = static_cast<uint8_t>(~magnitude[i]);
+    for (size_t i = octets; i-- > 0;) {
+      if (++magnitude[i] != 0) break;
+    }
+    buffer[0] = 0xFF;
+  } else {
+    buffer[0] = 0x00;
+  }
+  // The sign octet stays only where the top bit would say the other sign.
+  const bool keep_sign = negative ? !(magnitude[0] & 0x80) : (magnitude[0] & 0x80);
+  *out = keep_sign ? Input(buffer, octets + 1) : Input(magnitude, octets);
+  return true;
+}
+
+// A 64-bit hash of a byte string with a per-table seed.
+uint64_t HashBytes(const uint8_t* p, size_t n, uint64_t seed) {
+  uint64_t h = seed ^ (static_cast<uint64_t>(n) * 0x9E3779B97F4A7C15ULL);
+  while (n >= 8) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    h = (h ^ v) * 0xBF58476D1CE4E5B9ULL;
+    h ^= h >> 31;
+    p += 8;
+    n -= 8;
+  }
+  if (n > 0) {
+    uint64_t v = 0;
+    std::memcpy(&v, p, n);
+    h = (h ^ v) * 0x94D049BB133111EBULL;
+  }
+  h ^= h >> 30;
+  h *= 0xBF58476D1CE4E5B9ULL;
+  h ^= h >> 27;
+  h *= 0x94D049BB133111EBULL;
+  h ^= h >> 31;
+  return h;
+}
+
+}  // namespace
+}  // namespace quillon::pki
+
+// ---------------------------------------------------------------------------
+
+struct CertificateList::Impl {
+  // The DER the object is parsed from: the input itself when it is DER, or
+  // its DER rewrite when it arrived in BER.
+  struct Source {
+    LargeBytes bytes;
+  } src;
+  // The to-be-signed bytes as received, kept only when the input was not DER.
+  std::vector<uint8_t> received_tbs;
+
+  // Views into src.bytes, set by Parse().
+  Input tbs, sig_alg, sig_value, issuer_raw;
+  int version = 1;
+  Name issuer;
+  X500Time this_update, next_update;
+  bool has_next_update = false;
+  std::vector<Extension> extensions;
+
+  // Offset in src.bytes of every kStride-th entry (0, kStride, 2 kStride...).
+  // An entry between two is reached by skipping the headers of the ones
+  // before it, which are checked and sit in the same few cache lines. One
+  // offset per entry would cost more memory and one more cache miss per
+  // look-up on large lists.
+  static constexpr size_t kStride = 8;
+  std::vector<uint32_t> checkpoints;
+  size_t entry_count = 0;
+
+  // A 32-bit hash of each entry's serial, taken while decoding walks the
+  // entries (their bytes are in cache then), until the index is built from
+  // them. The seed differs between objects and runs (it is the object's
+  // address), so that serials crafted to collide cannot be prepared.
+  mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> hashes;
+  uint64_t seed = 0;
+
+  // The serial index, built on first use. Open addressing with linear
+  // probing, 2^table_bits slots and a load of at most one half. A slot
+  // holds 0 (free) or the entry number + 1 in its low |index_bits| bits, and
+  // hash bits above them, so that most probes that would not match are told
+  // apart without reading the entry.
+  mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> index;
+  mutable unsigned index_bits = 0, table_bits = 0;
+
+  Impl() = default;
+  Impl(const Impl& o)
+      : src(o.src),
+        received_tbs(o.received_tbs),
+        version(o.version),
+        issuer(o.issuer),
+        this_update(o.this_update),
+        next_update(o.next_update),
+        has_next_update(o.has_next_update),
+        extensions(o.extensions),
+        checkpoints(o.checkpoints),
+        entry_count(o.entry_count),
+        hashes(o.hashes),
+        seed(o.seed),
+        index(o.index),
+        index_bits(o.index_bits),
+        table_bits(o.table_bits) {
+    // Same bytes, already checked: move the views over to the new copy.
+    const uint8_t* from = o.src.bytes.data();
+    const uint8_t* to = src.bytes.data();
+    const auto rebase = [&](Input v) {
+      return v.data() ? Input(to + (v.data() - from), v.size()) : Input();
+    };
+    tbs = rebase(o.tbs);
+    sig_alg = rebase(o.sig_alg);
+    sig_value = rebase(o.sig_value);
+    issuer_raw = rebase(o.issuer_raw);
+  }
+  Impl& operator=(const Impl&) = delete;
+
+  size_t EntryCount() const { return entry_count; }
+
+  // Entry |i| (below EntryCount()), whole.
+  Input Entry(size_t i) const {
+    const uint8_t* p = src.bytes.data() + checkpoints[i / kStride];
+    size_t whole = pki::WholeLength(p);
+    for (size_t k = i % kStride; k > 0; --k) {
+      p += whole;
+      whole = pki::WholeLength(p);
+    }
+    return Input(p, whole);
+  }
+
+  // CertificateList ::= SEQUENCE { tbsCertList TBSCertList,
+  //   signatureAlgorithm AlgorithmIdentifier, signatureValue BIT STRING }
+  bool Parse() {
+    if (src.bytes.size() > std::numeric_limits<uint32_t>::max()) return false;
+    Parser outer{Input(src.bytes.data(), src.bytes.size())};
+    Parser crl;
+    if (!outer.ReadSequence(&crl) || outer.HasMore()) return false;
+    der::Tag tag;
+    Input tbs_value;
+    if (!crl.PeekTag(&tag) || tag != der::kSequence) return false;
+    if (!crl.ReadElement(&tag, &tbs_value, &tbs)) return false;
+    Input sig_oid;
+    if (!pki::ReadAlgorithmIdentifier(&crl, &sig_alg, &sig_oid)) return false;
+    // A signature that is not whole octets cannot verify, but the CRL is
+    // still well formed (PKITS lists one): it decodes, with no signature.
+    uint8_t unused = 0;
+    if (!crl.ReadBitString(&sig_value, &unused) || crl.HasMore()) return false;
+    if (unused != 0) sig_value = Input();
+    return ParseTbs(tbs_value);
+  }
+
+  // TBSCertList ::= SEQUENCE {
+  //   version Version OPTIONAL, -- if present, MUST be v2
+  //   signature AlgorithmIdentifier,
+  //   issuer Name,
+  //   thisUpdate Time,
+  //   nextUpdate Time OPTIONAL,
+  //   revokedCertificates SEQUENCE OF SEQUENCE {
+  //     userCertificate CertificateSerialNumber,
+  //     revocationDate Time,
+  //     crlEntryExtensions Extensions OPTIONAL -- if present, version MUST be v2
+  //   } OPTIONAL,
+  //   crlExtensions [0] EXPLICIT Extensions OPTIONAL -- if present, version MUST be v2
+  // }
+  bool ParseTbs(Input content) {
+    Parser p(content);
+    der::Tag tag;
+    version = 1;
+    if (!p.PeekTag(&tag)) return false;
+    if (tag == der::kInteger) {
+      // Version ::= INTEGER { v1(0), v2(1) }; v1 is written by leaving it out.
+      uint64_t v = 0;
+      if (!p.ReadUint64(&v) || v != 1) return false;
+      version = 2;
+    }
+    // The signed algorithm must be the one the signature claims (RFC 5280
+    // 5.1.1.2), or the outer, unsigned one could be swapped.
+    Input inner_alg, inner_oid;
+    if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid) || !(inner_alg == sig_alg))
+      return false;
+    if (!p.PeekTag(&tag) || tag != der::kSequence || !p.ReadRawTLV(&issuer_raw) ||
+        !issuer.decode(issuer_raw.data(), issuer_raw.size()))
+      return false;
+    if (!pki::ReadTime(&p, &this_update)) return false;
+    next_update = X500Time();
+    if (!pki::ReadOptionalTime(&p, &next_update, &has_next_update)) return false;
+    Input revoked;
+    bool present = false;
+    if (!p.ReadOptional(der::kSequence, &revoked, &present)) return false;
+    checkpoints.clear();
+    hashes.clear();
+    entry_count = 0;
+    if (present && !WalkEntries(revoked)) return false;
+    Parser exts;
+    if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &exts, &present))
+      return false;
+    extensions.clear();
+    if (present) {
+      if (version != 2) return false;
+      Input seq;
+      if (!exts.Read(der::kSequence, &seq) || exts.HasMore()) return false;
+      if (!pki::ParseExtensions(seq, &extensions)) return false;
+    }
+    return !p.HasMore();
+  }
+
+  // Checks every entry of revokedCertificates (content |revoked|) and notes
+  // where each starts. RFC 5280 5.1.2.6 wants the list left out when empty,
+  // but CAs publish it empty (DocuSign): that reads as no entries.
+  bool WalkEntries(Input revoked) {
+    if (revoked.empty()) return true;
+    const uint8_t* base = src.bytes.data();
+    const uint8_t* p = revoked.data();
+    const size_t n = revoked.size();
+    const bool v2 = version == 2;
+    // Reserve from the mean size of the first entries.
+    size_t at = 0, whole = 0, seen = 0;
+    Input serial;
+    while (at < n && seen < 64) {
+      if (!pki::CheckEntry(p + at, n - at, v2, &whole, &serial)) return false;
+      at += whole;
+      ++seen;
+    }
+    const size_t estimate = at < n ? n / (at / seen) + n / (8 * (at / seen)) : seen;
+    checkpoints.reserve(estimate / kStride + 1);
+    hashes.reserve(estimate);
+    const uintptr_t here = reinterpret_cast<uintptr_t>(this);
+    seed = pki::HashBytes(reinterpret_cast<const uint8_t*>(&here), sizeof here, 0x51A7E5EEDULL);
+    at = 0;
+    size_t count = 0;
+    while (at < n) {
+      if (!pki::CheckEntry(p + at, n - at, v2, &whole, &serial)) return false;
+      if (count % kStride == 0) checkpoints.push_back(static_cast<uint32_t>(p + at - base));
+      hashes.push_back(Hash(pki::MinimalInteger(serial)));
+      ++count;
+      at += whole;
+    }
+    entry_count = count;
+    if (checkpoints.capacity() > checkpoints.size() + checkpoints.size() / 8)
+      checkpoints.shrink_to_fit();
+    if (hashes.capacity() > hashes.size() + hashes.size() / 8) hashes.shrink_to_fit();
+    return true;
+  }
+
+  uint32_t Hash(Input serial) const {
+    return static_cast<uint32_t>(pki::HashBytes(serial.data(), serial.size(), seed));
+  }
+  // The hash bits a slot carries above the entry number.
+  uint32_t TagOf(uint32_t hash) const {
+    return index_bits >= 32 || table_bits >= 32 ? 0 : (hash >> table_bits) << index_bits;
+  }
+  uint32_t EntryMask() const {
+    return index_bits >= 32 ? 0xFFFFFFFFu : (uint32_t{1} << index_bits) - 1;
+  }
+
+  void BuildIndex() const {
+    if (!index.empty() || entry_count == 0) return;
+    // At least twice as many slots as entries.
+    const size_t slots = std::bit_ceil(entry_count * 2);
+    decltype(index) table(slots, 0);  // the one step that may fail
+    table_bits = static_cast<unsigned>(std::countr_zero(slots));
+    index_bits = static_cast<unsigned>(std::bit_width(entry_count + 1));
+    const size_t mask = slots - 1;
+    const uint32_t entry_mask = EntryMask();
+    // Entries go in in order, so that a serial listed twice keeps its first
+    // entry. Each is inserted kAhead entries after its slot was prefetched:
+    // the inserts are random writes over a table larger than the caches.
+    constexpr size_t kAhead = 16;
+    for (size_t i = 0; i < entry_count + kAhead; ++i) {
+      if (i < entry_count) __builtin_prefetch(&table[hashes[i] & mask], 1);
+      if (i < kAhead) continue;
+      const size_t entry = i - kAhead;
+      const uint32_t h = hashes[entry];
+      const uint32_t slot = TagOf(h) | static_cast<uint32_t>(entry + 1);
+      for (size_t at = h & mask;; at = (at + 1) & mask) {
+        const uint32_t held = table[at];
+        if (held == 0) {
+          table[at] = slot;
+          break;
+        }
+        if ((held & ~entry_mask) == (slot & ~entry_mask) &&
+            pki::MinimalInteger(pki::EntrySerial(Entry((held & entry_mask) - 1).data())) ==
+                pki::MinimalInteger(pki::EntrySerial(Entry(entry).data())))
+          break;
+      }
+    }
+    index = std::move(table);
+    decltype(hashes)().swap(hashes);  // done with
+  }
+
+  long Find(Input serial) const {
+    BuildIndex();
+    if (index.empty()) return -1;
+    const uint32_t h = Hash(serial);
+    const size_t mask = index.size() - 1;
+    const uint32_t entry_mask = EntryMask();
+    const uint32_t want_tag = TagOf(h);
+    for (size_t at = h & mask;; at = (at + 1) & mask) {
+      const uint32_t held = index[at];
+      if (held == 0) return -1;
+      if ((held & ~entry_mask) != want_tag) continue;
+      const size_t entry = (held & entry_mask) - 1;
+      if (pki::MinimalInteger(pki::EntrySerial(Entry(entry).data())) == serial)
+        return static_cast<long>(entry);
+    }
+  }
+};
+
+CertificateList::CertificateList() = default;
+CertificateList::~CertificateList() = default;
+CertificateList::CertificateList(CertificateList&&) noexcept = default;
+CertificateList& CertificateList::operator=(CertificateList&&) noexcept = default;
+
+CertificateList::CertificateList(const CertificateList& other) {
+  if (other.impl_) {
+    try {
+      impl_ = std::make_unique<Impl>(*other.impl_);
+    } catch (...) {
+      impl_.reset();
+    }
+  }
+}
+
+CertificateList& CertificateList::operator=(const CertificateList& other) {
+  if (this != &other) {
+    CertificateList copy(other);
+    impl_ = std::move(copy.impl_);
+  }
+  return *this;
+}
+
+bool CertificateList::decode(const unsigned char* bytes, size_t length) {
+  impl_.reset();
+  if (!bytes || length == 0) return false;
+  try {
+    auto impl = std::make_unique<Impl>();
+    const Input input(bytes, length);
+    // DER first, over one copy of the input.
+    impl->src.bytes.resize(length);
+    std::memcpy(impl->src.bytes.data(), bytes, length);
+    if (!impl->Parse()) {
+      // Then BER: rewrite to DER and keep the to-be-signed bytes as received.
+      std::vector<uint8_t> rewritten;
+      if (!der::NormaliseToDer(input, &rewritten) || Input(rewritten) == input) return false;
+      impl->src.bytes.assign(rewritten.begin(), rewritten.end());
+      Parser outer(input, der::Mode::kBer);
+      Parser crl;
+      Input tbs;
+      if (!outer.ReadSequence(&crl) || !crl.ReadRawTLV(&tbs)) return false;
+      impl->received_tbs = tbs.ToVector();
+      if (!impl->Parse()) return false;
+    }
+    impl_ = std::move(impl);
+    return true;
+  } catch (...) {
+    // Allocation failure on a huge input.
+    impl_.reset();
+    return false;
+  }
+}
+
+bool CertificateList::isDecoded() const { return impl_ != nullptr; }
+
+std::vector<unsigned char> CertificateList::encode() const {
+  if (!impl_) return {};
+  return std::vector<unsigned char>(impl_->src.bytes.begin(), impl_->src.bytes.end());
+}
+
+ByteView CertificateList::der() const {
+  if (!impl_) return {};
+  return ByteView{impl_->src.bytes.data(), impl_->src.bytes.size()};
+}
+
+namespace {
+const Name& EmptyName() {
+  static const Name empty;
+  return empty;
+}
+const X500Time& NoTime() {
+  static const X500Time none;
+  return none;
+}
+const std::vector<Extension>& NoExtensions() {
+  static const std::vector<Extension> none;
+  return none;
+}
+}  // namespace
+
+int CertificateList::version() const { return impl_ ? impl_->version : 0; }
+const Name& CertificateList::issuer() const { return impl_ ? impl_->issuer : EmptyName(); }
+const X500Time& CertificateList::thisUpdate() const {
+  return impl_ ? impl_->this_update : NoTime();
+}
+bool CertificateList::hasNextUpdate() const { return impl_ && impl_->has_next_update; }
+const X500Time& CertificateList::nextUpdate() const {
+  return impl_ && impl_->has_next_update ? impl_->next_update : NoTime();
+}
+
+ByteView CertificateList::tbsCertList() const {
+  if (!impl_) return {};
+  if (!impl_->received_tbs.empty())
+    return ByteView{impl_->received_tbs.data(), impl_->received_tbs.size()};
+  return pki::ToView(impl_->tbs);
+}
+ByteView CertificateList::signatureAlgorithm() const {
+  return impl_ ? pki::ToView(impl_->sig_alg) : ByteView{};
+}
+ByteView CertificateList::signatureValue() const {
+  return impl_ ? pki::ToView(impl_->sig_value) : ByteView{};
+}
+ByteView CertificateList::issuerBytes() const {
+  return impl_ ? pki::ToView(impl_->issuer_raw) : ByteView{};
+}
+
+size_t CertificateList::entryCount() const { return impl_ ? impl_->EntryCount() : 0; }
+
+// Entry ::= SEQUENCE { userCertificate CertificateSerialNumber,
+//   revocationDate Time, crlEntryExtensions Extensions OPTIONAL }
+// CRLReason ::= ENUMERATED; InvalidityDate ::= GeneralizedTime (UTCTime read too).
+bool CertificateList::entry(size_t index, CRLEntry* out) const {
+  if (!impl_ || !out || index >= impl_->EntryCount()) return false;
+  try {
+    Parser outer(impl_->Entry(index));
+    Parser seq;
+    Input serial;
+    CRLEntry e;
+    if (!outer.ReadSequence(&seq) || !pki::ReadSerial(&seq, &serial) ||
+        !e.serialNumber.fromDerContent(serial.data(), serial.size()) ||
+        !pki::ReadTime(&seq, &e.revocationDate))
+      return false;
+    if (seq.HasMore()) {
+      Input exts;
+      if (!seq.Read(der::kSequence, &exts) || seq.HasMore() ||
+          !pki::ParseExtensions(exts, &e.extensions))
+        return false;
+    }
+    for (const Extension& x : e.extensions) {
+      // Values are read leniently: a non-minimal ENUMERATED still says what it means.
+      Parser value(Input(x.value), der::Mode::kBer);
+      if (x.oid == "2.5.29.21") {
+        uint64_t reason = 0;
+        if (!value.ReadEnumerated(&reason) || value.HasMore() || reason > 0x7FFFFFFF) return false;
+        e.reasonCode = static_cast<int>(reason);
+      } else if (x.oid == "2.5.29.24") {
+        if (!pki::ReadTime(&value, &e.invalidityDate) || value.HasMore()) return false;
+        e.hasInvalidityDate = true;
+      }
+    }
+    *out = std::move(e);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+std::string CertificateList::entrySerialText(size_t index) const {
+  if (!impl_ || index >= impl_->EntryCount()) return {};
+  const Input serial = pki::EntrySerial(impl_->Entry(index).data());
+  BigInteger value;
+  if (!value.fromDerContent(serial.data(), serial.size())) return {};
+  return value.toHex();
+}
+
+long CertificateList::findSerial(const char* serialText) const {
+  if (!impl_ || !serialText) return -1;
+  try {
+    // Serials are at most 20 octets (RFC 5280 4.1.2.2), though longer ones
+    // are looked up too.
+    const size_t length = std::strlen(serialText);
+    uint8_t local[64];
+    std::vector<uint8_t> heap;
+    uint8_t* buffer = local;
+    if (length / 2 + 1 > sizeof local) {
+      heap.resize(length / 2 + 1);
+      buffer = heap.data();
+    }
+    Input content;
+    if (!pki::SerialTextToContent(serialText, length, buffer, &content)) return -1;
+    return impl_->Find(content);
+  } catch (...) {
+    return -1;
+  }
+}
+
+void CertificateList::buildIndex() const {
+  if (!impl_) return;
+  try {
+    impl_->BuildIndex();
+  } catch (...) {
+    // Out of memory: no index yet; findSerial() tries again.
+  }
+}
+
+const std::vector<Extension>& CertificateList::extensions() const {
+  return impl_ ? impl_->extensions : NoExtensions();
+}
+
+const Extension* CertificateList::extension(const char* oid) const {
+  return impl_ ? pki::FindExtension(impl_->extensions, oid) : nullptr;
+}
+
+bool CertificateList::authorityKeyIdentifier(AuthorityKeyIdentifier* out) const {
+  const Extension* e = extension("2.5.29.35");
+  return e && out && out->decode(e->value.data(), e->value.size());
+}
+
+// IssuingDistributionPoint ::= SEQUENCE {
+//   distributionPoint          [0] DistributionPointName OPTIONAL,
+//   onlyContainsUserCerts      [1] BOOLEAN DEFAULT FALSE,
+//   onlyContainsCACerts        [2] BOOLEAN DEFAULT FALSE,
+//   onlySomeReasons            [3] ReasonFlags OPTIONAL,
+//   indirectCRL                [4] BOOLEAN DEFAULT FALSE,
+//   onlyContainsAttributeCerts [5] BOOLEAN DEFAULT FALSE }
+// -- at most one of onlyContainsUserCerts, onlyContainsCACerts and
+// -- onlyContainsAttributeCerts may be TRUE (RFC 5280 5.2.5); an empty
+// -- SEQUENCE is not allowed.
+// The module has IMPLICIT TAGS, so [0] is explicit around the CHOICE and the
+// others replace the BOOLEAN and BIT STRING tags.
+bool CertificateList::issuingDistributionPoint(IssuingDistributionPoint* out) const {
+  const Extension* e = extension("2.5.29.28");
+  if (!e || !out) return false;
+  try {
+    Parser outer(Input(e->value), der::Mode::kBer);
+    Parser seq;
+    if (!outer.ReadSequence(&seq) || outer.HasMore() || !seq.HasMore()) return false;
+    IssuingDistributionPoint idp;
+    Parser dp;
+    bool present = false;
+    if (!seq.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &dp, &present))
+      return false;
+    if (present) {
+      Input choice;
+      if (!dp.ReadRawTLV(&choice) || dp.HasMore() ||
+          !idp.distributionPoint.decode(choice.data(), choice.size()))
+        return false;
+      idp.hasDistributionPoint = true;
+    }
+    const auto flag = [&seq](uint32_t number, bool* value) {
+      Input v;
+      bool here = false;
+      if (!seq.ReadOptional(der::ContextSpecific(number), &v, &here)) return false;
+      if (here) {
+        if (v.size() != 1) return false;
+        *value = v[0] != 0;
+      }
+      return true;
+    };
+    if (!flag(1, &idp.onlyContainsUserCerts) || !flag(2, &idp.onlyContainsCACerts)) return false;
+    // ReasonFlags ::= BIT STRING; bit n of the string is bit n of the mask.
+    Input reasons;
+    if (!seq.ReadOptional(der::ContextSpecific(3), &reasons, &present)) return false;
+    if (present) {
+      if (reasons.empty() || reasons[0] > 7 || (reasons.size() == 1 && reasons[0] != 0))
+        return false;
+      for (size_t i = 1; i < reasons.size() && i < 3; ++i) {
+        for (int b = 0; b < 8; ++b) {
+          if (reasons[i] & (0x80 >> b)) idp.onlySomeReasons |= 1u << ((i - 1) * 8 + b);
+        }
+      }
+      idp.hasOnlySomeReasons = true;
+    }
+    if (!flag(4, &idp.indirectCRL) || !flag(5, &idp.onlyContainsAttributeCerts) || seq.HasMore())
+      return false;
+    const int only = int{idp.onlyContainsUserCerts} + int{idp.onlyContainsCACerts} +
+                     int{idp.onlyContainsAttributeCerts};
+    if (only > 1) return false;
+    *out = std::move(idp);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// ExpiredCertsOnCRL ::= GeneralizedTime. Some CAs write a UTCTime; it is
+// read as such rather than dropped.
+bool CertificateList::expiredCertsOnCRL(X500Time* out) const {
+  const Extension* e = extension("2.5.29.60");
+  if (!e || !out) return false;
+  Parser p(Input(e->value), der::Mode::kBer);
+  X500Time t;
+  if (!pki::ReadTime(&p, &t) || p.HasMore()) return false;
+  *out = t;
+  return true;
+}
+
+// CRLNumber ::= INTEGER (0..MAX)
+bool CertificateList::crlNumber(BigInteger* out) const {
+  const Extension* e = extension("2.5.29.20");
+  if (!e || !out) return false;
+  try {
+    return out->decode(e->value.data(), e->value.size());
+  } catch (...) {
+    return false;
+  }
+}
+
+size_t CertificateList::memoryUsage() const {
+  if (!impl_) return sizeof(*this);
+  const Impl& m = *impl_;
+  size_t total = sizeof(*this) + sizeof(Impl) + platform::LargeFootprint(m.src.bytes.capacity()) +
+                 m.received_tbs.capacity() + m.checkpoints.capacity() * sizeof(uint32_t) +
+                 platform::LargeFootprint(m.index.capacity() * sizeof(uint32_t)) +
+                 platform::LargeFootprint(m.hashes.capacity() * sizeof(uint32_t));
+  for (const Extension& e : m.extensions)
+    total += sizeof(e) + e.oid.capacity() + e.value.capacity();
+  for (const Name::RDN& rdn : m.issuer.rdns()) {
+    for (const Name::Attribute& a : rdn)
+      total += sizeof(a) + a.type.capacity() + a.value.capacity();
+  }
+  return total;
+}
+
+bool CertificateList::operator==(const CertificateList& other) const {
+  if (!impl_ || !other.impl_) return !impl_ && !other.impl_;
+  return impl_->src.bytes == other.impl_->src.bytes;
+}

@@ -264,11 +264,11 @@ TEST(CertificateList, SerialLookupIsExactText) {
   EXPECT_EQ(negative.findSerial("FF"), -1);
 
   // Serials as CAs write them: non-minimal forms, zero, sign octets, repeats.
-  qt::CrlSpec spec{.signingKey = qt::PooledKey(qt::KeyType::kEcP256, 0)};
+  qt::CrlSpec wanted{.signingKey = qt::PooledKey(qt::KeyType::kEcP256, 0)};
   for (const Bytes& raw : std::vector<Bytes>{{0x0A}, {0x00, 0x00, 0x0B}, {0x00}, {0x00, 0x80},
                                              {0xFF, 0x80}, {0xFF, 0xFF, 0x7F}, {0x00, 0x0A}})
-    spec.revoked.push_back({.serial = qt::Serial::FromBytes(raw)});
-  const Bytes der = qt::MakeCrlDer(spec);
+    wanted.revoked.push_back({.serial = qt::Serial::FromBytes(raw)});
+  const Bytes der = qt::MakeCrlDer(wanted);
   CertificateList crl;
   ASSERT_TRUE(crl.decode(der.data(), der.size()));
   const std::vector<std::string> printed = {"0A", "0B", "00", "80", "-80", "-81", "0A"};

@@ -88,6 +88,24 @@ TEST(BigInteger, DerContentAndHexRoundTrip) {
   }
 }
 
+// Magnitudes around the size the printer keeps on the stack, and far
+// beyond it, in both signs.
+TEST(BigInteger, HexOfLongMagnitudes) {
+  for (const size_t size : {size_t{63}, size_t{64}, size_t{65}, size_t{66}, size_t{120}}) {
+    for (const uint8_t top : {uint8_t{0x5A}, uint8_t{0xA5}}) {
+      std::vector<unsigned char> content(size);
+      for (size_t i = 0; i < size; ++i) content[i] = static_cast<unsigned char>(i * 37 + 11);
+      content[0] = top;
+      BigInteger n;
+      ASSERT_TRUE(n.fromDerContent(content.data(), content.size())) << size;
+      // OpenSSL breaks its line every 70 digits with a backslash.
+      std::string expected = OpenSslHex(Element(content));
+      for (size_t at; (at = expected.find("\\\n")) != std::string::npos;) expected.erase(at, 2);
+      EXPECT_EQ(n.toHex(), expected) << size << " " << int{top};
+    }
+  }
+}
+
 TEST(BigInteger, HexText) {
   const struct { const char* in; const char* out; } accepted[] = {
       {"0a1b", "0A1B"}, {"3E9", "03E9"}, {"-1", "-01"}, {"-00", "00"}, {"000001", "01"},

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "pki/der.h"
+#include "pki/name_der.h"
 #include "support/der_writer.h"
 #include "support/pki_factory.h"
 
@@ -429,6 +430,74 @@ TEST(NameDecode, BerAndEmptyNamesEncodeAsDer) {
   EXPECT_EQ(empty.encode(), (Bytes{0x30, 0x00}));
   EXPECT_EQ(empty, Name());
   EXPECT_NE(empty, n);
+}
+
+}  // namespace
+
+namespace {
+
+// Printing a name straight from its bytes must give what decoding it and
+// printing the Name gives, and accept exactly the bytes decoding accepts.
+void ExpectPrintedLikeDecoded(const Bytes& der, const std::string& what) {
+  const quillon::der::Input input(der);
+  Name n;
+  const bool decoded = n.decode(der.data(), der.size());
+  std::string text = "stale";
+  EXPECT_EQ(quillon::pki::PrintNameDer(input, &text), decoded) << what;
+  EXPECT_EQ(text, decoded ? n.toString() : "") << what;
+  EXPECT_EQ(quillon::pki::IsValidName(input), decoded) << what;
+  if (quillon::der::IsStrictDer(input)) {
+    EXPECT_EQ(quillon::pki::IsValidNameInStrictDer(input), decoded) << what;
+    std::string strict_text = "stale";
+    EXPECT_EQ(quillon::pki::PrintStrictDerName(input, &strict_text), decoded) << what;
+    EXPECT_EQ(strict_text, text) << what;
+  }
+}
+
+TEST(NameDer, PrintsEveryRealNameAndItsTruncationsLikeTheDecodedName) {
+  const auto& names = RealNames();
+  ASSERT_GT(names.size(), 900u);
+  for (const auto& real : names) ExpectPrintedLikeDecoded(real.der, real.origin);
+  // Every cut of a few names of different shapes.
+  for (size_t i = 0; i < names.size(); i += names.size() / 7) {
+    const Bytes& der = names[i].der;
+    for (size_t cut = 0; cut < der.size(); ++cut) {
+      ExpectPrintedLikeDecoded(Bytes(der.begin(), der.begin() + static_cast<ptrdiff_t>(cut)),
+                               names[i].origin + " cut " + std::to_string(cut));
+    }
+  }
+}
+
+TEST(NameDer, PrintsMadeBerAndMalformedNamesLikeTheDecodedName) {
+  const Bytes cn = Atv("2.5.4.3", tder::kUtf8String, "ab"), c = Atv("2.5.4.6", tder::kPrintableString, "IT");
+  Bytes ber = {0x30, 0x80, 0x31, 0x80};  // indefinite lengths, a constructed string, unsorted SET
+  ber.insert(ber.end(), c.begin(), c.end());
+  ber.insert(ber.end(), {0x30, 0x80, 0x06, 0x03, 0x55, 0x04, 0x03, 0x2C, 0x80, 0x0C, 0x01, 'a', 0x0C, 0x01, 'b',
+                         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00});
+  // Long-form lengths where short ones would do, as LDAP servers send them.
+  Bytes long_form = {0x30, 0x81, 0x00, 0x31, 0x81, 0x00};
+  long_form.insert(long_form.end(), cn.begin(), cn.end());
+  long_form[5] = static_cast<uint8_t>(cn.size());
+  long_form[2] = static_cast<uint8_t>(long_form.size() - 3);
+  NameSpec many;
+  for (int i = 0; i < 35; ++i) many.push_back({Attr{"OU", std::to_string(i)}});
+  const std::pair<const char*, Bytes> cases[] = {
+      {"BER", ber},
+      {"long-form lengths", long_form},
+      {"empty name", {0x30, 0x00}},
+      {"charsets", NameDer({{{"CN", "Città", StrType::kBmp}}, {{"O", "Ελλάδα 𝄞", StrType::kUniversal}},
+                            {{"L", "caf\xE9", StrType::kT61}}})},
+      {"quoting", NameDer({{{"O", "A, B"}}, {{"CN", " x+y"}}, {{"OU", "say \"hi\""}}, {{"L", "a\\,b"}}})},
+      {"NUL and final backslash", NameDer({{{"CN", std::string("a\0b", 3)}}, {{"O", "dir\\"}}})},
+      {"order, repeats, unprinted types",
+       NameDer({{{"CN", "a"}, {"O", "b"}}, {{"OU", "1"}}, {{"initials", "Q"}}, {{"OU", "2"}}, {{"C", "IT"}}})},
+      {"more than 30 printed attributes", NameDer(many)},
+      {"empty RDN", OneRdn({})},
+      {"constructed value", OneRdn({Wrap(tder::kSequence, {{0x06, 0x03, 0x55, 0x04, 0x03}, Wrap(tder::kSequence, {})})})},
+      {"not a name", {0x05, 0x00}},
+      {"empty input", {}},
+  };
+  for (const auto& [what, der] : cases) ExpectPrintedLikeDecoded(der, what);
 }
 
 }  // namespace

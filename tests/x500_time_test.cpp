@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -86,6 +87,47 @@ TEST(X500Time, ParsesTexts) {
     EXPECT_STREQ(t.text(), c.text);  // kept as received
     EXPECT_EQ(t.tag(), c.tag) << c.text;
   }
+}
+
+// Times are read by calendar arithmetic; it must count as the C library's
+// UTC conversion does on every day of every four-digit year (sampled one day
+// in eleven, so that every month and day of the month recurs) and on every
+// 29 February.
+TEST(X500Time, CalendarArithmeticMatchesTheLibraryConversion) {
+  int checked = 0;
+  for (int year = 0; year <= 9999; ++year) {
+    for (int month = 1; month <= 12; ++month) {
+      for (int day = 1; day <= 31; ++day) {
+        const bool leap_day = month == 2 && day == 29;
+        if (!leap_day && (year * 372 + month * 31 + day) % 11 != 0) continue;
+        char text[32];
+        std::snprintf(text, sizeof(text), "%04d%02d%02d235960Z", year, month, day);
+        X500Time t;
+        const bool read =
+            t.fromContent(kGen, reinterpret_cast<const unsigned char*>(text), std::strlen(text));
+        struct tm fields {};
+        fields.tm_year = year - 1900;
+        fields.tm_mon = month - 1;
+        fields.tm_mday = day;
+        fields.tm_hour = 23;
+        fields.tm_min = 59;
+        fields.tm_sec = 60;
+        const int64_t expected = quillon::platform::FromUtc(&fields);
+        // A day the calendar does not have is refused, not rolled over.
+        struct tm date {};
+        date.tm_year = year - 1900;
+        date.tm_mon = month - 1;
+        date.tm_mday = day;
+        (void)quillon::platform::FromUtc(&date);
+        ASSERT_EQ(read, date.tm_mday == day && date.tm_mon == month - 1) << text;
+        if (read) {
+          ASSERT_EQ(t.seconds(), expected) << text;
+          ++checked;
+        }
+      }
+    }
+  }
+  EXPECT_GT(checked, 300000);
 }
 
 TEST(X500Time, RejectsMalformedTexts) {

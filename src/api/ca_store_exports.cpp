@@ -5,12 +5,16 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "api/ca_operations.h"
 #include "api/export_guard.h"
 #include "api/library.h"
 #include "api/messages.h"
 #include "castore/ca_store.h"
+#include "pki/certificate_parts.h"
+#include "pki/der.h"
+#include "pki/name_der.h"
 #include "quillon32/quillon32.h"
 
 using quillon::api::CacheContext;
@@ -255,11 +259,20 @@ int cache_getCAIndex(void* ctx, CertificateList* crl, int entry, AuthorityKeyIde
 
 unsigned char cache_trustedCA(void*, unsigned char* der, unsigned long length) {
   return Guarded<unsigned char>(0, [&]() -> unsigned char {
-    Certificate cert;
-    if (!DecodeDer(der, length, &cert)) return 0;
+    if (!der || length == 0) return 0;
     // The issuer's name, not the subject's: is the CA that issued it trusted?
-    // No signature is checked.
-    const std::string key = quillon::castore::KeyText(cert.issuer());
+    // No signature is checked. Only the issuer's text is needed, so the
+    // certificate is checked as decoding it would check it, and its issuer
+    // printed from its bytes, without making the objects.
+    std::vector<uint8_t> rewrite;
+    quillon::der::Input issuer;
+    std::string key;
+    if (!quillon::pki::PeekCertificateIssuer(quillon::der::Input(der, length), &issuer, &rewrite)) {
+      return 0;
+    }
+    const bool printed = rewrite.empty() ? quillon::pki::PrintStrictDerName(issuer, &key)
+                                         : quillon::pki::PrintNameDer(issuer, &key);
+    if (!printed) return 0;
     return WithStore([&](const CaStore& store) { return store.findEntry(key) >= 0 ? 1 : 0; });
   });
 }

@@ -52,6 +52,46 @@ inline uint64_t Mix(uint64_t h, uint64_t w) {
 
 }  // namespace
 
+void KeyIndex::insert(const std::string& key, int entry) {
+  if ((count_ + 1) * 2 > slots_.size()) grow();
+  const uint64_t hash = FoldedHash{}(key);
+  const size_t mask = slots_.size() - 1;
+  size_t i = static_cast<size_t>(hash) & mask;
+  while (slots_[i].entry >= 0) i = (i + 1) & mask;
+  slots_[i] = Slot{hash, key.data(), static_cast<uint32_t>(key.size()), entry};
+  ++count_;
+}
+
+int KeyIndex::find(std::string_view key) const {
+  if (slots_.empty()) return -1;
+  const uint64_t hash = FoldedHash{}(key);
+  const size_t mask = slots_.size() - 1;
+  for (size_t i = static_cast<size_t>(hash) & mask;; i = (i + 1) & mask) {
+    const Slot& slot = slots_[i];
+    if (slot.entry < 0) return -1;
+    if (slot.hash == hash && FoldedEqual{}(key, std::string_view(slot.key, slot.size))) {
+      return slot.entry;
+    }
+  }
+}
+
+void KeyIndex::clear() {
+  slots_.clear();
+  count_ = 0;
+}
+
+void KeyIndex::grow() {
+  std::vector<Slot> old = std::move(slots_);
+  slots_.assign(old.empty() ? 64 : old.size() * 2, Slot{});
+  const size_t mask = slots_.size() - 1;
+  for (const Slot& slot : old) {
+    if (slot.entry < 0) continue;
+    size_t i = static_cast<size_t>(slot.hash) & mask;
+    while (slots_[i].entry >= 0) i = (i + 1) & mask;
+    slots_[i] = slot;
+  }
+}
+
 const std::shared_ptr<const Name>& NoIssuer() {
   static const std::shared_ptr<const Name> none = std::make_shared<const Name>();
   return none;
@@ -123,8 +163,9 @@ const Certificate* CaCertificate::get() const {
 
 int CaEntry::find(std::string_view id) const {
   if (positions_.empty()) {
+    const uint64_t hash = HashOfId(id);
     for (size_t i = 0; i < records_.size(); ++i) {
-      if (records_[i].id == id) return static_cast<int>(i);
+      if (id_hashes_[i] == hash && records_[i].id == id) return static_cast<int>(i);
     }
     return -1;
   }
@@ -140,6 +181,7 @@ void CaEntry::reindex() {
 
 void CaEntry::append(CaRecord record) {
   records_.push_back(std::move(record));
+  if (records_.size() <= kScanLimit) id_hashes_[records_.size() - 1] = HashOfId(records_.back().id);
   if (records_.size() <= kScanLimit) return;
   if (positions_.empty()) {
     reindex();
@@ -150,6 +192,9 @@ void CaEntry::append(CaRecord record) {
 
 void CaEntry::erase(int i) {
   records_.erase(records_.begin() + i);
+  for (size_t k = 0; k < records_.size() && k < kScanLimit; ++k) {
+    id_hashes_[k] = HashOfId(records_[k].id);
+  }
   reindex();
 }
 
@@ -171,10 +216,7 @@ size_t CaStore::recordCount() const {
   return n;
 }
 
-int CaStore::findEntry(std::string_view key) const {
-  const auto it = index_.find(key);
-  return it == index_.end() ? -1 : it->second;
-}
+int CaStore::findEntry(std::string_view key) const { return index_.find(key); }
 
 int CaStore::findRecord(int entry, std::string_view id) const {
   if (entry < 0 || entry >= count()) return -1;
@@ -201,7 +243,7 @@ int CaStore::appendEntry(std::string_view key) {
   auto entry = std::make_unique<CaEntry>();
   entry->key_ = std::string(key);
   entries_.push_back(std::move(entry));
-  index_.emplace(entries_.back()->key_, index);
+  index_.insert(entries_.back()->key_, index);
   return index;
 }
 
@@ -264,11 +306,9 @@ bool CaStore::remove(const Certificate& cert) {
 }
 
 void CaStore::eraseEntry(int index) {
-  index_.erase(at(index).key_);
+  // The entries behind it move up: the index is made again.
   entries_.erase(entries_.begin() + index);
-  for (auto& [key, slot] : index_) {
-    if (slot > index) --slot;
-  }
+  rebuildIndex();
 }
 
 void CaStore::removeSource(int32_t source) {
@@ -300,7 +340,7 @@ void CaStore::clear() {
 void CaStore::rebuildIndex() {
   index_.clear();
   for (size_t i = 0; i < entries_.size(); ++i) {
-    index_.emplace(entries_[i]->key_, static_cast<int>(i));
+    index_.insert(entries_[i]->key_, static_cast<int>(i));
   }
 }
 
@@ -352,6 +392,9 @@ bool CaStore::indexesConsistent() const {
   for (size_t i = 0; i < entries_.size(); ++i) {
     const CaEntry& e = *entries_[i];
     if (findEntry(e.key_) != static_cast<int>(i) || e.records_.empty()) return false;
+    for (size_t r = 0; r < e.records_.size() && r < CaEntry::kScanLimit; ++r) {
+      if (e.id_hashes_[r] != CaEntry::HashOfId(e.records_[r].id)) return false;
+    }
     const bool mapped = e.records_.size() > CaEntry::kScanLimit;
     if (e.positions_.size() != (mapped ? e.records_.size() : 0)) return false;
     for (size_t r = 0; r < e.records_.size(); ++r) {

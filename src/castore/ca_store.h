@@ -18,6 +18,7 @@
 // Not thread-safe: the library runs every operation under the CA table guard.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -58,7 +59,11 @@ inline std::string KeyText(const Name& name) { return name.toString(); }
 // number in base 16, as one string.
 std::string RecordId(std::string_view issuer_text, std::string_view serial_hex);
 inline std::string RecordId(const Name& issuer, const BigInteger& serial) {
-  return RecordId(issuer.toString(), serial.toHex());
+  // Built in the printed name's own buffer, which has room to spare.
+  std::string id = issuer.toString();
+  id.push_back('\0');
+  id += serial.toHex();
+  return id;
 }
 
 // Where a certificate's issuer name and serial number lie in its DER bytes.
@@ -134,8 +139,14 @@ class CaEntry {
   // one by one; the map is kept only for an entry holding more.
   static constexpr size_t kScanLimit = 4;
 
+  static uint64_t HashOfId(std::string_view id) { return std::hash<std::string_view>{}(id); }
+
   std::string key_;
   std::vector<CaRecord> records_;
+  // HashOfId of the ids of the first kScanLimit records, held in the entry
+  // itself: the scan compares these and reads the id text of a likely match
+  // only.
+  std::array<uint64_t, kScanLimit> id_hashes_{};
   struct IdHash {
     using is_transparent = void;
     size_t operator()(std::string_view s) const noexcept {
@@ -155,6 +166,33 @@ struct FoldedHash {
 struct FoldedEqual {
   using is_transparent = void;
   bool operator()(std::string_view a, std::string_view b) const noexcept;
+};
+
+// The index of entries by key text, ignoring ASCII case: an open-addressing
+// table of (folded hash, key bytes, entry index). A look-up hashes the
+// query once and touches one slot and the one matching key; the keys stay
+// in their entries, whose heap place does not change while they live.
+class KeyIndex {
+ public:
+  // Adds |key| (held by the caller for as long as it is indexed) for entry
+  // |entry|; the key must not be indexed already.
+  void insert(const std::string& key, int entry);
+  // The entry of |key|, or -1.
+  int find(std::string_view key) const;
+  void clear();
+  size_t size() const { return count_; }
+
+ private:
+  struct Slot {
+    uint64_t hash = 0;
+    const char* key = nullptr;
+    uint32_t size = 0;
+    int32_t entry = -1;  // -1: empty
+  };
+  void grow();
+
+  std::vector<Slot> slots_;  // a power of two in size, at most half full
+  size_t count_ = 0;
 };
 
 enum class AddOutcome {
@@ -241,7 +279,7 @@ class CaStore {
   // Entries are held by pointer: moving them up after a removal moves
   // pointers, and the array stays small.
   std::vector<std::unique_ptr<CaEntry>> entries_;
-  std::unordered_map<std::string, int, FoldedHash, FoldedEqual> index_;
+  KeyIndex index_;
 };
 
 }  // namespace quillon::castore

@@ -162,14 +162,25 @@ std::vector<unsigned char> BigInteger::encode() const {
 
 std::string BigInteger::toHex() const {
   static constexpr char kDigits[] = "0123456789ABCDEF";
-  const std::vector<unsigned char> magnitude = Magnitude(bn_);
-  if (magnitude.empty()) return "00";
-  std::string out;
-  out.reserve(magnitude.size() * 2 + 1);
-  if (BN_is_negative(bn_)) out.push_back('-');
-  for (unsigned char b : magnitude) {
-    out.push_back(kDigits[b >> 4]);
-    out.push_back(kDigits[b & 0x0F]);
+  const int length = bn_ == nullptr ? 0 : BN_num_bytes(bn_);
+  if (length <= 0) return "00";
+  // Serials are at most 20 octets in practice: their magnitude is read into
+  // the stack, a longer one into the heap.
+  unsigned char local[64];
+  std::vector<unsigned char> heap;
+  unsigned char* magnitude = local;
+  if (static_cast<size_t>(length) > sizeof(local)) {
+    heap.resize(static_cast<size_t>(length));
+    magnitude = heap.data();
+  }
+  BN_bn2bin(bn_, magnitude);
+  const bool negative = BN_is_negative(bn_);
+  std::string out(static_cast<size_t>(length) * 2 + (negative ? 1 : 0), '\0');
+  char* p = out.data();
+  if (negative) *p++ = '-';
+  for (int i = 0; i < length; ++i) {
+    *p++ = kDigits[magnitude[i] >> 4];
+    *p++ = kDigits[magnitude[i] & 0x0F];
   }
   return out;
 }

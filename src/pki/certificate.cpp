@@ -1,8 +1,11 @@
 #include "quillon32/certificate.h"
 
+#include <climits>
 #include <cstring>
 
+#include "pki/certificate_parts.h"
 #include "pki/der.h"
+#include "pki/name_der.h"
 #include "pki/x509_common.h"
 #include "quillon32/buffer.h"
 
@@ -10,6 +13,124 @@ using quillon::der::Input;
 using quillon::der::Parser;
 namespace der = quillon::der;
 namespace pki = quillon::pki;
+
+namespace quillon::pki {
+
+// Certificate ::= SEQUENCE { tbsCertificate TBSCertificate,
+//   signatureAlgorithm AlgorithmIdentifier, signatureValue BIT STRING }
+//
+// TBSCertificate ::= SEQUENCE { version [0] EXPLICIT Version DEFAULT v1,
+//   serialNumber CertificateSerialNumber, signature AlgorithmIdentifier,
+//   issuer Name, validity Validity, subject Name,
+//   subjectPublicKeyInfo SubjectPublicKeyInfo,
+//   issuerUniqueID [1] IMPLICIT UniqueIdentifier OPTIONAL,
+//   subjectUniqueID [2] IMPLICIT UniqueIdentifier OPTIONAL,
+//   extensions [3] EXPLICIT Extensions OPTIONAL }
+bool ReadCertificateParts(Input der_bytes, bool checked_strict, CertificateParts* out) {
+  const auto valid_name = [checked_strict](Input name) {
+    return checked_strict ? pki::IsValidNameInStrictDer(name) : pki::IsValidName(name);
+  };
+  Parser outer(der_bytes);
+  Parser cert;
+  if (!outer.ReadSequence(&cert) || outer.HasMore()) return false;
+  der::Tag tag;
+  if (!cert.PeekTag(&tag) || tag != der::kSequence) return false;
+  if (!cert.ReadElement(&tag, &out->tbs_content, &out->tbs)) return false;
+  Input sig_oid;
+  if (!pki::ReadAlgorithmIdentifier(&cert, &out->sig_alg, &sig_oid)) return false;
+  // A signature with unused bits cannot be valid, but the certificate still
+  // decodes: verification is where it fails.
+  if (!cert.ReadBitString(&out->sig_value, &out->sig_unused_bits) || cert.HasMore()) return false;
+
+  Parser p(out->tbs_content);
+  Parser explicit_version;
+  bool present = false;
+  if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &explicit_version, &present))
+    return false;
+  out->version = 1;
+  if (present) {
+    uint64_t v = 0;
+    if (!explicit_version.ReadUint64(&v) || explicit_version.HasMore() || v > 2) return false;
+    out->version = static_cast<int>(v) + 1;
+  }
+  // The serial must also be one a BigInteger takes.
+  if (!pki::ReadSerial(&p, &out->serial_content) ||
+      out->serial_content.size() > static_cast<size_t>(INT_MAX))
+    return false;
+  Input inner_alg, inner_oid;
+  if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid)) return false;
+  if (!p.ReadRawTLV(&out->issuer) || !valid_name(out->issuer)) return false;
+  // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
+  Parser validity;
+  if (!p.ReadSequence(&validity) || !pki::ReadTime(&validity, &out->not_before) ||
+      !pki::ReadTime(&validity, &out->not_after) || validity.HasMore())
+    return false;
+  if (!p.ReadRawTLV(&out->subject) || !valid_name(out->subject)) return false;
+  // SubjectPublicKeyInfo ::= SEQUENCE { algorithm AlgorithmIdentifier,
+  //   subjectPublicKey BIT STRING }
+  Input spki_value;
+  if (!p.PeekTag(&tag) || tag != der::kSequence || !p.ReadElement(&tag, &spki_value, &out->spki))
+    return false;
+  Parser key(spki_value);
+  Input key_alg;
+  uint8_t unused = 0;
+  if (!pki::ReadAlgorithmIdentifier(&key, &key_alg, &out->key_alg_oid) ||
+      !key.ReadBitString(&out->public_key, &unused) || key.HasMore())
+    return false;
+  if (!p.SkipOptional(der::ContextSpecific(1), &present)) return false;
+  if (present && out->version < 2) return false;
+  if (!p.SkipOptional(der::ContextSpecific(2), &present)) return false;
+  if (present && out->version < 2) return false;
+  Parser exts;
+  if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(3), &exts, &present)) return false;
+  out->has_extensions = present;
+  out->extensions = Input();
+  if (present) {
+    if (out->version != 3) return false;
+    if (!exts.Read(der::kSequence, &out->extensions) || exts.HasMore()) return false;
+    if (!pki::CheckExtensions(out->extensions)) return false;
+  }
+  return !p.HasMore();
+}
+
+bool CertificateDerForm(Input input, std::vector<uint8_t>* rewrite, Input* der_form,
+                        Input* received_tbs) {
+  // The whole input is checked (nested BER counts too, not only the outer
+  // length); only input that is not DER is rewritten.
+  *received_tbs = Input();
+  rewrite->clear();
+  if (input.empty() || (input[0] & 0x20) == 0) return false;
+  if (der::IsStrictDer(input)) {
+    *der_form = input;
+    return true;
+  }
+  if (!der::NormaliseToDer(input, rewrite)) return false;
+  *der_form = Input(*rewrite);
+  // Keep the to-be-signed element exactly as it arrived.
+  Parser outer(input, der::Mode::kBer);
+  Parser cert;
+  return outer.ReadSequence(&cert) && cert.ReadRawTLV(received_tbs);
+}
+
+bool PeekCertificateIssuer(Input cert, Input* issuer, std::vector<uint8_t>* rewrite) {
+  // The bytes are read twice (the DER check, then the walk); asking for all
+  // their cache lines at once overlaps the memory reads the first pass would
+  // otherwise wait for one after another.
+  constexpr size_t kPrefetchLimit = 4096;
+  for (size_t at = 0; at < cert.size() && at < kPrefetchLimit; at += 64) {
+    __builtin_prefetch(cert.data() + at);
+  }
+  Input der_form, received_tbs;
+  CertificateParts parts;
+  if (!CertificateDerForm(cert, rewrite, &der_form, &received_tbs) ||
+      !ReadCertificateParts(der_form, received_tbs.empty(), &parts)) {
+    return false;
+  }
+  *issuer = parts.issuer;
+  return true;
+}
+
+}  // namespace quillon::pki
 
 struct Certificate::Impl {
   pki::DerSource src;
@@ -25,86 +146,29 @@ struct Certificate::Impl {
   X500Time not_before, not_after;
   std::vector<Extension> extensions;
 
-  // Certificate ::= SEQUENCE { tbsCertificate TBSCertificate,
-  //   signatureAlgorithm AlgorithmIdentifier, signatureValue BIT STRING }
+  // The checks are all made by the one certificate reader; what is left is
+  // materialising what it found.
   bool Parse() {
-    Parser outer{Input(src.bytes)};
-    Parser cert;
-    if (!outer.ReadSequence(&cert) || outer.HasMore()) return false;
-    der::Tag tag;
-    Input tbs_value;
-    if (!cert.PeekTag(&tag) || tag != der::kSequence) return false;
-    if (!cert.ReadElement(&tag, &tbs_value, &tbs)) return false;
-    Input sig_oid;
-    if (!pki::ReadAlgorithmIdentifier(&cert, &sig_alg, &sig_oid)) return false;
-    // A signature with unused bits cannot be valid, but the certificate still
-    // decodes: verification is where it fails.
-    if (!cert.ReadBitString(&sig_value, &sig_unused_bits) || cert.HasMore()) return false;
-    return ParseTbs(tbs_value);
-  }
-
-  // TBSCertificate ::= SEQUENCE { version [0] EXPLICIT Version DEFAULT v1,
-  //   serialNumber CertificateSerialNumber, signature AlgorithmIdentifier,
-  //   issuer Name, validity Validity, subject Name,
-  //   subjectPublicKeyInfo SubjectPublicKeyInfo,
-  //   issuerUniqueID [1] IMPLICIT UniqueIdentifier OPTIONAL,
-  //   subjectUniqueID [2] IMPLICIT UniqueIdentifier OPTIONAL,
-  //   extensions [3] EXPLICIT Extensions OPTIONAL }
-  bool ParseTbs(Input content) {
-    Parser p(content);
-    Parser explicit_version;
-    bool present = false;
-    if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &explicit_version, &present))
-      return false;
-    version = 1;
-    if (present) {
-      uint64_t v = 0;
-      if (!explicit_version.ReadUint64(&v) || explicit_version.HasMore() || v > 2) return false;
-      version = static_cast<int>(v) + 1;
-    }
-    Input serial_content;
-    if (!pki::ReadSerial(&p, &serial_content) ||
-        !serial.fromDerContent(serial_content.data(), serial_content.size()))
-      return false;
-    Input inner_alg, inner_oid;
-    if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid)) return false;
-    if (!p.ReadRawTLV(&issuer_raw) || !issuer.decode(issuer_raw.data(), issuer_raw.size()))
-      return false;
-    // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
-    Parser validity;
-    if (!p.ReadSequence(&validity) || !pki::ReadTime(&validity, &not_before) ||
-        !pki::ReadTime(&validity, &not_after) || validity.HasMore())
-      return false;
-    if (!p.ReadRawTLV(&subject_raw) || !subject.decode(subject_raw.data(), subject_raw.size()))
-      return false;
-    // SubjectPublicKeyInfo ::= SEQUENCE { algorithm AlgorithmIdentifier,
-    //   subjectPublicKey BIT STRING }
-    Input spki_value;
-    if (!p.PeekTag(&tag_) || tag_ != der::kSequence || !p.ReadElement(&tag_, &spki_value, &spki))
-      return false;
-    Parser key(spki_value);
-    Input key_alg;
-    uint8_t unused = 0;
-    if (!pki::ReadAlgorithmIdentifier(&key, &key_alg, &key_alg_oid) ||
-        !key.ReadBitString(&public_key, &unused) || key.HasMore())
-      return false;
-    if (!p.SkipOptional(der::ContextSpecific(1), &present)) return false;
-    if (present && version < 2) return false;
-    if (!p.SkipOptional(der::ContextSpecific(2), &present)) return false;
-    if (present && version < 2) return false;
-    Parser exts;
-    if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(3), &exts, &present)) return false;
+    pki::CertificateParts parts;
+    if (!pki::ReadCertificateParts(Input(src.bytes), src.was_strict, &parts)) return false;
+    tbs = parts.tbs;
+    sig_alg = parts.sig_alg;
+    sig_value = parts.sig_value;
+    sig_unused_bits = parts.sig_unused_bits;
+    version = parts.version;
+    issuer_raw = parts.issuer;
+    subject_raw = parts.subject;
+    spki = parts.spki;
+    public_key = parts.public_key;
+    key_alg_oid = parts.key_alg_oid;
+    not_before = parts.not_before;
+    not_after = parts.not_after;
     extensions.clear();
-    if (present) {
-      if (version != 3) return false;
-      Input seq;
-      if (!exts.Read(der::kSequence, &seq) || exts.HasMore()) return false;
-      if (!pki::ParseExtensions(seq, &extensions)) return false;
-    }
-    return !p.HasMore();
+    return serial.fromDerContent(parts.serial_content.data(), parts.serial_content.size()) &&
+           issuer.decode(issuer_raw.data(), issuer_raw.size()) &&
+           subject.decode(subject_raw.data(), subject_raw.size()) &&
+           (!parts.has_extensions || pki::ParseExtensions(parts.extensions, &extensions));
   }
-
-  der::Tag tag_ = 0;
 };
 
 Certificate::Certificate() = default;
@@ -133,15 +197,17 @@ bool Certificate::decode(const unsigned char* bytes, size_t length) {
   impl_.reset();
   if (!bytes || length == 0) return false;
   auto impl = std::make_unique<Impl>();
-  const Input input(bytes, length);
-  if (!pki::MakeDerSource(input, &impl->src)) return false;
-  if (!impl->src.was_strict) {
-    // Keep the to-be-signed element exactly as it arrived.
-    Parser outer(input, der::Mode::kBer);
-    Parser cert;
-    Input tbs;
-    if (!outer.ReadSequence(&cert) || !cert.ReadRawTLV(&tbs)) return false;
-    impl->received_tbs = tbs.ToVector();
+  std::vector<uint8_t> rewrite;
+  Input der_form, received_tbs;
+  if (!pki::CertificateDerForm(Input(bytes, length), &rewrite, &der_form, &received_tbs)) {
+    return false;
+  }
+  impl->src.was_strict = received_tbs.empty();
+  if (impl->src.was_strict) {
+    impl->src.bytes.assign(der_form.begin(), der_form.end());
+  } else {
+    impl->src.bytes = std::move(rewrite);
+    impl->received_tbs = received_tbs.ToVector();
   }
   if (!impl->Parse()) return false;
   impl_ = std::move(impl);

@@ -19,60 +19,6 @@ bool operator<(const Input& a, const Input& b) {
 // ---------------------------------------------------------------------------
 // Parser
 
-// Identifier octets (X.690 8.1.2) then length octets (8.1.3).
-bool Parser::ParseHeader(size_t at, Tag* tag, size_t* header_len, size_t* content_len,
-                         bool* indefinite) const {
-  const uint8_t* p = input_.data();
-  const size_t n = input_.size();
-  size_t i = at;
-  if (i >= n) return false;
-  const uint8_t first = p[i++];
-  uint32_t number = first & 0x1F;
-  if (number == 0x1F) {
-    // High tag number form: base-128, no leading 0x80, at most 28 bits here.
-    number = 0;
-    int count = 0;
-    for (;;) {
-      if (i >= n) return false;
-      const uint8_t b = p[i++];
-      if (count == 0 && b == 0x80) return false;
-      if (++count > 4) return false;
-      number = (number << 7) | (b & 0x7F);
-      if (!(b & 0x80)) break;
-    }
-    // DER and BER alike: the high form is only for numbers of 31 and above.
-    if (number < 31) return false;
-  }
-  *tag = (static_cast<uint32_t>(first & 0xE0) << 24) | number;
-
-  if (i >= n) return false;
-  const uint8_t l0 = p[i++];
-  *indefinite = false;
-  if (l0 < 0x80) {
-    *content_len = l0;
-  } else if (l0 == 0x80) {
-    // Indefinite: BER only, constructed only.
-    if (mode_ != Mode::kBer || !(first & 0x20)) return false;
-    *indefinite = true;
-    *content_len = 0;
-  } else {
-    const size_t count = l0 & 0x7F;
-    if (count == 0x7F) return false;
-    const size_t max_count = mode_ == Mode::kDer ? 4 : 8;
-    if (count > max_count || n - i < count) return false;
-    uint64_t len = 0;
-    for (size_t k = 0; k < count; ++k) len = (len << 8) | p[i++];
-    if (mode_ == Mode::kDer) {
-      // Minimal: no leading zero octet, and short form where it would do.
-      if (p[i - count] == 0 || len < 0x80) return false;
-    }
-    if (len > SIZE_MAX) return false;
-    *content_len = static_cast<size_t>(len);
-  }
-  *header_len = i - at;
-  return true;
-}
-
 // Walks the elements of an indefinite-length content up to its end-of-contents
 // octets and reports the content length (without those two octets).
 bool Parser::FindEndOfContents(size_t content_start, uint32_t depth, size_t* content_len) const {
@@ -95,88 +41,6 @@ bool Parser::FindEndOfContents(size_t content_start, uint32_t depth, size_t* con
     if (len > input_.size() - at - header_len) return false;
     at += header_len + len;
   }
-}
-
-bool Parser::PeekTag(Tag* tag) const {
-  if (failed_ || pos_ >= input_.size()) return false;
-  size_t header_len, len;
-  bool indefinite;
-  return ParseHeader(pos_, tag, &header_len, &len, &indefinite);
-}
-
-bool Parser::ReadElement(Tag* tag, Input* value, Input* whole) {
-  if (failed_ || pos_ >= input_.size()) return Fail();
-  size_t header_len, len;
-  bool indefinite;
-  if (!ParseHeader(pos_, tag, &header_len, &len, &indefinite)) return Fail();
-  size_t total;
-  if (indefinite) {
-    if (depth_ + 1 > limits_.max_depth) return Fail();
-    if (!FindEndOfContents(pos_ + header_len, depth_ + 1, &len)) return Fail();
-    total = header_len + len + 2;
-  } else {
-    if (len > input_.size() - pos_ - header_len) return Fail();
-    total = header_len + len;
-  }
-  if (len > limits_.max_element_size) return Fail();
-  *value = Input(input_.data() + pos_ + header_len, len);
-  if (whole) *whole = Input(input_.data() + pos_, total);
-  pos_ += total;
-  return true;
-}
-
-bool Parser::ReadTagAndValue(Tag* tag, Input* value) { return ReadElement(tag, value, nullptr); }
-
-bool Parser::ReadRawTLV(Input* whole) {
-  Tag tag;
-  Input value;
-  return ReadElement(&tag, &value, whole);
-}
-
-bool Parser::Read(Tag tag, Input* value) {
-  Tag actual;
-  if (!PeekTag(&actual) || actual != tag) return Fail();
-  return ReadTagAndValue(&actual, value);
-}
-
-bool Parser::ReadOptional(Tag tag, Input* value, bool* present) {
-  Tag actual;
-  *present = false;
-  if (failed_) return false;
-  if (pos_ >= input_.size() || !PeekTag(&actual) || actual != tag) {
-    // A malformed next element is left for the following read to reject.
-    return true;
-  }
-  *present = true;
-  return ReadTagAndValue(&actual, value);
-}
-
-bool Parser::SkipOptional(Tag tag, bool* present) {
-  Input ignored;
-  return ReadOptional(tag, &ignored, present);
-}
-
-bool Parser::Skip(Tag tag) {
-  Input ignored;
-  return Read(tag, &ignored);
-}
-
-bool Parser::ReadConstructed(Tag tag, Parser* child) {
-  if (!IsConstructed(tag) || depth_ + 1 > limits_.max_depth) return Fail();
-  Input value;
-  if (!Read(tag, &value)) return false;
-  *child = Parser(value, mode_, limits_);
-  child->depth_ = depth_ + 1;
-  return true;
-}
-
-bool Parser::ReadOptionalConstructed(Tag tag, Parser* child, bool* present) {
-  Tag actual;
-  *present = false;
-  if (failed_) return false;
-  if (pos_ >= input_.size() || !PeekTag(&actual) || actual != tag) return true;
-  *present = true;
-  return ReadConstructed(tag, child);
 }
 
 bool Parser::ReadBool(bool* out) {
@@ -232,8 +96,7 @@ bool Parser::ReadEnumerated(uint64_t* out) {
 bool Parser::ReadOid(Input* content) {
   Input v;
   if (!Read(kOid, &v)) return false;
-  std::string ignored;
-  if (!OidToText(v, &ignored)) return Fail();
+  if (!IsValidOid(v)) return Fail();
   *content = v;
   return true;
 }
@@ -352,10 +215,14 @@ void Writer::Close() {
 // ---------------------------------------------------------------------------
 // Object identifiers (X.690 8.19)
 
-bool OidToText(Input v, std::string* out) {
-  out->clear();
+namespace {
+
+// Walks the arcs of OID content octets, handing each to |arc_fn| (the first
+// one as the combined first subidentifier). False when malformed: empty,
+// over 1024 octets, a truncated or non-minimal arc, or an arc beyond 64 bits.
+template <class F>
+bool ForEachArc(Input v, F&& arc_fn) {
   if (v.empty() || v.size() > 1024) return false;
-  bool first = true;
   size_t i = 0;
   while (i < v.size()) {
     if (v[i] == 0x80) return false;  // non-minimal arc
@@ -367,6 +234,34 @@ bool OidToText(Input v, std::string* out) {
       arc = (arc << 7) | (b & 0x7F);
       if (!(b & 0x80)) break;
     }
+    arc_fn(arc);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool IsValidOid(Input v) {
+  // Arcs of at most eight octets (56 bits) cannot overflow, so for them
+  // validity is: no arc starts with 0x80 and the last octet ends an arc.
+  // An OID with a longer arc is walked in full.
+  if (v.empty() || v.size() > 1024 || (v[v.size() - 1] & 0x80)) return false;
+  size_t continued = 0;
+  for (const uint8_t b : v) {
+    if (continued == 0 && b == 0x80) return false;  // non-minimal arc
+    if (!(b & 0x80)) {
+      continued = 0;
+    } else if (++continued == 8) {
+      return ForEachArc(v, [](uint64_t) {});
+    }
+  }
+  return true;
+}
+
+bool OidToText(Input v, std::string* out) {
+  out->clear();
+  bool first = true;
+  const bool ok = ForEachArc(v, [&](uint64_t arc) {
     if (first) {
       const uint64_t top = arc < 40 ? 0 : arc < 80 ? 1 : 2;
       *out += std::to_string(top);
@@ -377,8 +272,9 @@ bool OidToText(Input v, std::string* out) {
       *out += '.';
       *out += std::to_string(arc);
     }
-  }
-  return true;
+  });
+  if (!ok) out->clear();
+  return ok;
 }
 
 static void AppendBase128(uint64_t arc, std::vector<uint8_t>* out) {
@@ -529,17 +425,25 @@ bool NormaliseToDer(Input ber, std::vector<uint8_t>* out, Limits limits) {
 
 namespace {
 
-// Walks the elements of |p| (a strict DER parser): constructed strings are
-// not DER, and the elements of a SET must stand in ascending order of their
+// Walks the elements of |in| as strict DER: constructed strings are not
+// DER, and the elements of a SET must stand in ascending order of their
 // encodings, as NormaliseToDer() would sort them.
-bool WalkStrict(Parser* p, uint32_t depth, bool is_set, const Limits& limits) {
+bool WalkStrict(Input in, uint32_t depth, bool is_set, const Limits& limits) {
   if (depth > limits.max_depth) return false;
+  const uint8_t* p = in.data();
+  const size_t n = in.size();
+  size_t pos = 0;
   Input previous;
   bool first = true;
-  while (p->HasMore()) {
+  while (pos < n) {
     Tag tag;
-    Input value, whole;
-    if (!p->ReadElement(&tag, &value, &whole)) return false;
+    size_t header_len, len;
+    bool indefinite;
+    if (!detail::DecodeHeader(p, n, pos, Mode::kDer, &tag, &header_len, &len, &indefinite)) return false;
+    if (len > n - pos - header_len || len > limits.max_element_size) return false;
+    const Input whole(p + pos, header_len + len);
+    const Input value(p + pos + header_len, len);
+    pos += header_len + len;
     if (is_set) {
       if (!first && whole < previous) return false;
       previous = whole;
@@ -547,8 +451,7 @@ bool WalkStrict(Parser* p, uint32_t depth, bool is_set, const Limits& limits) {
     }
     if (!IsConstructed(tag)) continue;
     if (ClassOf(tag) == TagClass::kUniversal && IsStringType(TagNumber(tag))) return false;
-    Parser child(value, Mode::kDer, limits);
-    if (!WalkStrict(&child, depth + 1, tag == kSet, limits)) return false;
+    if (!WalkStrict(value, depth + 1, tag == kSet, limits)) return false;
   }
   return true;
 }
@@ -561,8 +464,7 @@ bool IsStrictDer(Input input, Limits limits) {
   Parser strict(input, Mode::kDer, limits);
   Input whole;
   if (!strict.ReadRawTLV(&whole) || strict.HasMore()) return false;
-  Parser top(input, Mode::kDer, limits);
-  return WalkStrict(&top, 0, false, limits);
+  return WalkStrict(input, 0, false, limits);
 }
 
 }  // namespace quillon::der

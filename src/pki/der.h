@@ -158,6 +158,8 @@ class Parser {
   bool Fail() { failed_ = true; return false; }
   bool ParseHeader(size_t at, Tag* tag, size_t* header_len, size_t* content_len,
                    bool* indefinite) const;
+  // Consumes the element whose header at pos_ was just read.
+  bool FinishElement(size_t header_len, size_t len, bool indefinite, Input* value, Input* whole);
   bool FindEndOfContents(size_t content_start, uint32_t depth, size_t* content_len) const;
 
   Input input_;
@@ -204,6 +206,8 @@ void AppendHeader(Tag tag, size_t content_length, std::vector<uint8_t>* out);
 // Dotted text of OID content octets ("2.5.29.35"); false when malformed
 // (empty, truncated arc, non-minimal arc, arc beyond 64 bits).
 [[nodiscard]] bool OidToText(Input content, std::string* out);
+// True exactly when OidToText() would succeed; checks without allocating.
+[[nodiscard]] bool IsValidOid(Input content);
 // Content octets of a dotted OID; false when malformed.
 [[nodiscard]] bool OidFromText(std::string_view dotted, std::vector<uint8_t>* content);
 
@@ -230,5 +234,168 @@ class Oid {
 // True when |input| is exactly one element in strict DER: minimal lengths and
 // tags, primitive strings, sorted SETs, and nothing after it.
 bool IsStrictDer(Input input, Limits limits = {});
+
+// ---------------------------------------------------------------------------
+// The hot reads of Parser, inline: a certificate is some hundred elements,
+// and the calls cost more than the reading.
+
+namespace detail {
+
+// Identifier octets (X.690 8.1.2) then length octets (8.1.3) of the element
+// at |at| in p[0..n). The one header reader of Parser and of IsStrictDer().
+[[gnu::always_inline]] inline bool DecodeHeader(const uint8_t* p, size_t n, size_t at, Mode mode,
+                                                Tag* tag, size_t* header_len, size_t* content_len,
+                                                bool* indefinite) {
+  size_t i = at;
+  if (i >= n) return false;
+  const uint8_t first = p[i++];
+  uint32_t number = first & 0x1F;
+  if (number == 0x1F) {
+    // High tag number form: base-128, no leading 0x80, at most 28 bits here.
+    number = 0;
+    int count = 0;
+    for (;;) {
+      if (i >= n) return false;
+      const uint8_t b = p[i++];
+      if (count == 0 && b == 0x80) return false;
+      if (++count > 4) return false;
+      number = (number << 7) | (b & 0x7F);
+      if (!(b & 0x80)) break;
+    }
+    // DER and BER alike: the high form is only for numbers of 31 and above.
+    if (number < 31) return false;
+  }
+  *tag = (static_cast<uint32_t>(first & 0xE0) << 24) | number;
+
+  if (i >= n) return false;
+  const uint8_t l0 = p[i++];
+  *indefinite = false;
+  if (l0 < 0x80) {
+    *content_len = l0;
+  } else if (l0 == 0x80) {
+    // Indefinite: BER only, constructed only.
+    if (mode != Mode::kBer || !(first & 0x20)) return false;
+    *indefinite = true;
+    *content_len = 0;
+  } else {
+    const size_t count = l0 & 0x7F;
+    if (count == 0x7F) return false;
+    const size_t max_count = mode == Mode::kDer ? 4 : 8;
+    if (count > max_count || n - i < count) return false;
+    uint64_t len = 0;
+    for (size_t k = 0; k < count; ++k) len = (len << 8) | p[i++];
+    if (mode == Mode::kDer) {
+      // Minimal: no leading zero octet, and short form where it would do.
+      if (p[i - count] == 0 || len < 0x80) return false;
+    }
+    if (len > SIZE_MAX) return false;
+    *content_len = static_cast<size_t>(len);
+  }
+  *header_len = i - at;
+  return true;
+}
+
+}  // namespace detail
+
+inline bool Parser::ParseHeader(size_t at, Tag* tag, size_t* header_len, size_t* content_len,
+                                bool* indefinite) const {
+  return detail::DecodeHeader(input_.data(), input_.size(), at, mode_, tag, header_len,
+                              content_len, indefinite);
+}
+
+inline bool Parser::FinishElement(size_t header_len, size_t len, bool indefinite, Input* value,
+                                  Input* whole) {
+  size_t total;
+  if (indefinite) {
+    if (depth_ + 1 > limits_.max_depth) return Fail();
+    if (!FindEndOfContents(pos_ + header_len, depth_ + 1, &len)) return Fail();
+    total = header_len + len + 2;
+  } else {
+    if (len > input_.size() - pos_ - header_len) return Fail();
+    total = header_len + len;
+  }
+  if (len > limits_.max_element_size) return Fail();
+  *value = Input(input_.data() + pos_ + header_len, len);
+  if (whole) *whole = Input(input_.data() + pos_, total);
+  pos_ += total;
+  return true;
+}
+
+inline bool Parser::PeekTag(Tag* tag) const {
+  if (failed_ || pos_ >= input_.size()) return false;
+  size_t header_len, len;
+  bool indefinite;
+  return ParseHeader(pos_, tag, &header_len, &len, &indefinite);
+}
+
+inline bool Parser::ReadElement(Tag* tag, Input* value, Input* whole) {
+  if (failed_ || pos_ >= input_.size()) return Fail();
+  size_t header_len, len;
+  bool indefinite;
+  if (!ParseHeader(pos_, tag, &header_len, &len, &indefinite)) return Fail();
+  return FinishElement(header_len, len, indefinite, value, whole);
+}
+
+inline bool Parser::ReadTagAndValue(Tag* tag, Input* value) {
+  return ReadElement(tag, value, nullptr);
+}
+
+inline bool Parser::ReadRawTLV(Input* whole) {
+  Tag tag;
+  Input value;
+  return ReadElement(&tag, &value, whole);
+}
+
+inline bool Parser::Read(Tag tag, Input* value) {
+  if (failed_ || pos_ >= input_.size()) return Fail();
+  Tag actual;
+  size_t header_len, len;
+  bool indefinite;
+  if (!ParseHeader(pos_, &actual, &header_len, &len, &indefinite) || actual != tag) return Fail();
+  return FinishElement(header_len, len, indefinite, value, nullptr);
+}
+
+inline bool Parser::ReadOptional(Tag tag, Input* value, bool* present) {
+  *present = false;
+  if (failed_) return false;
+  Tag actual;
+  size_t header_len, len;
+  bool indefinite;
+  if (pos_ >= input_.size() || !ParseHeader(pos_, &actual, &header_len, &len, &indefinite) ||
+      actual != tag) {
+    // A malformed next element is left for the following read to reject.
+    return true;
+  }
+  *present = true;
+  return FinishElement(header_len, len, indefinite, value, nullptr);
+}
+
+inline bool Parser::SkipOptional(Tag tag, bool* present) {
+  Input ignored;
+  return ReadOptional(tag, &ignored, present);
+}
+
+inline bool Parser::Skip(Tag tag) {
+  Input ignored;
+  return Read(tag, &ignored);
+}
+
+inline bool Parser::ReadConstructed(Tag tag, Parser* child) {
+  if (!IsConstructed(tag) || depth_ + 1 > limits_.max_depth) return Fail();
+  Input value;
+  if (!Read(tag, &value)) return false;
+  *child = Parser(value, mode_, limits_);
+  child->depth_ = depth_ + 1;
+  return true;
+}
+
+inline bool Parser::ReadOptionalConstructed(Tag tag, Parser* child, bool* present) {
+  Tag actual;
+  *present = false;
+  if (failed_) return false;
+  if (pos_ >= input_.size() || !PeekTag(&actual) || actual != tag) return true;
+  *present = true;
+  return ReadConstructed(tag, child);
+}
 
 }  // namespace quillon::der

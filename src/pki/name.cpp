@@ -4,10 +4,14 @@
 #include "quillon32/name.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "pki/der.h"
+#include "pki/name_der.h"
 #include "pki/name_table.h"
 
 namespace quillon {
@@ -58,7 +62,7 @@ void AppendUtf8(uint32_t cp, std::string* out) {
 }
 
 // T61String values are taken as Latin-1, as certificates in practice use them.
-std::string Latin1ToUtf8(const std::vector<unsigned char>& in) {
+std::string Latin1ToUtf8(Input in) {
   std::string out;
   out.reserve(in.size());
   for (unsigned char c : in) AppendUtf8(c, &out);
@@ -67,7 +71,7 @@ std::string Latin1ToUtf8(const std::vector<unsigned char>& in) {
 
 // BMPString: UCS-2 big-endian. Surrogate pairs are combined as UTF-16 would
 // have them; a lone surrogate or an odd final octet becomes U+FFFD.
-std::string Utf16BeToUtf8(const std::vector<unsigned char>& in) {
+std::string Utf16BeToUtf8(Input in) {
   std::string out;
   out.reserve(in.size());
   size_t i = 0;
@@ -88,7 +92,7 @@ std::string Utf16BeToUtf8(const std::vector<unsigned char>& in) {
 
 // UniversalString: UCS-4 big-endian; an incomplete final character or a
 // value outside Unicode becomes U+FFFD.
-std::string Ucs4BeToUtf8(const std::vector<unsigned char>& in) {
+std::string Ucs4BeToUtf8(Input in) {
   std::string out;
   out.reserve(in.size());
   size_t i = 0;
@@ -102,20 +106,28 @@ std::string Ucs4BeToUtf8(const std::vector<unsigned char>& in) {
   return out;
 }
 
-// The value as UTF-8 text. The 7-bit string types, UTF8String and any other
-// type are taken octet for octet.
-std::string ValueText(const Name::Attribute& a) {
-  switch (a.valueTag) {
+// Whether a value of this type is converted to be UTF-8 text; the 7-bit
+// string types, UTF8String and any other type are taken octet for octet.
+bool IsConverted(int value_tag) {
+  return value_tag == kT61StringTag || value_tag == kBmpStringTag ||
+         value_tag == kUniversalStringTag;
+}
+
+// The value as UTF-8 text.
+std::string ValueText(int value_tag, Input value) {
+  switch (value_tag) {
     case kT61StringTag:
-      return Latin1ToUtf8(a.value);
+      return Latin1ToUtf8(value);
     case kBmpStringTag:
-      return Utf16BeToUtf8(a.value);
+      return Utf16BeToUtf8(value);
     case kUniversalStringTag:
-      return Ucs4BeToUtf8(a.value);
+      return Ucs4BeToUtf8(value);
     default:
-      return std::string(a.value.begin(), a.value.end());
+      return std::string(value.AsStringView());
   }
 }
+
+std::string ValueText(const Name::Attribute& a) { return ValueText(a.valueTag, Input(a.value)); }
 
 void SetText(Name::Attribute* a, const std::string& text) { a->value.assign(text.begin(), text.end()); }
 
@@ -163,49 +175,67 @@ bool ResolveType(std::string_view text, std::string* oid) {
 // ---------------------------------------------------------------------------
 // DER
 
-// AttributeTypeAndValue ::= SEQUENCE { type OBJECT IDENTIFIER, value ANY }
-//
-// The value is kept as its universal tag number and content octets, so only
-// primitive values of the universal class (the string types in practice) are
-// accepted.
-bool DecodeAttribute(Parser* rdn, Name::Attribute* out) {
-  Parser atv;
-  Input oid;
-  der::Tag tag;
-  Input value;
-  if (!rdn->ReadSequence(&atv) || !atv.ReadOid(&oid) || !atv.ReadTagAndValue(&tag, &value) ||
-      !atv.Remaining().empty()) {
-    return false;
-  }
-  if (der::ClassOf(tag) != der::TagClass::kUniversal || der::IsConstructed(tag) ||
-      der::TagNumber(tag) == 0 || der::TagNumber(tag) > kMaxValueTag) {
-    return false;
-  }
-  if (!der::OidToText(oid, &out->type)) return false;
-  out->valueTag = static_cast<int>(der::TagNumber(tag));
-  out->value = value.ToVector();
-  return true;
-}
-
 // Name ::= SEQUENCE OF RelativeDistinguishedName
 // RelativeDistinguishedName ::= SET SIZE (1..MAX) OF AttributeTypeAndValue
-bool DecodeName(Input der_bytes, std::vector<Name::RDN>* out) {
+// AttributeTypeAndValue ::= SEQUENCE { type OBJECT IDENTIFIER, value ANY }
+//
+// Walks a Name in strict DER and hands each attribute to
+// |fn|(starts_rdn, type_oid_content, value_tag_number, value_content), which
+// returns false to stop. Only primitive values of the universal class (the
+// string types in practice) are accepted, as a value is kept as its tag
+// number and content octets. The one reader of names: decoding, checking and
+// printing straight from DER all go through it.
+template <class F>
+bool WalkDerName(Input der_bytes, F&& fn) {
   Parser top(der_bytes);
   Parser name;
   if (!top.ReadSequence(&name) || !top.Remaining().empty()) return false;
   while (!name.Remaining().empty()) {
     Parser set;
-    if (!name.ReadConstructed(der::kSet, &set)) return false;
-    Name::RDN rdn;
+    if (!name.ReadConstructed(der::kSet, &set) || set.Remaining().empty()) return false;
+    bool starts_rdn = true;
     while (!set.Remaining().empty()) {
-      Name::Attribute a;
-      if (!DecodeAttribute(&set, &a)) return false;
-      rdn.push_back(std::move(a));
+      Parser atv;
+      Input oid;
+      der::Tag tag;
+      Input value;
+      if (!set.ReadSequence(&atv) || !atv.ReadOid(&oid) || !atv.ReadTagAndValue(&tag, &value) ||
+          !atv.Remaining().empty()) {
+        return false;
+      }
+      if (der::ClassOf(tag) != der::TagClass::kUniversal || der::IsConstructed(tag) ||
+          der::TagNumber(tag) == 0 || der::TagNumber(tag) > kMaxValueTag) {
+        return false;
+      }
+      if (!fn(starts_rdn, oid, static_cast<int>(der::TagNumber(tag)), value)) return false;
+      starts_rdn = false;
     }
-    if (rdn.empty()) return false;
-    out->push_back(std::move(rdn));
   }
   return true;
+}
+
+// The strict DER form of a Name element given in DER or BER: the input
+// itself, or its rewrite into |*storage|.
+bool AsDer(Input input, std::vector<uint8_t>* storage, Input* der_form) {
+  if (der::IsStrictDer(input)) {
+    *der_form = input;
+    return true;
+  }
+  if (!der::NormaliseToDer(input, storage)) return false;
+  *der_form = Input(*storage);
+  return true;
+}
+
+bool DecodeName(Input der_bytes, std::vector<Name::RDN>* out) {
+  return WalkDerName(der_bytes, [out](bool starts_rdn, Input oid, int tag, Input value) {
+    Name::Attribute a;
+    if (!der::OidToText(oid, &a.type)) return false;
+    a.valueTag = tag;
+    a.value = value.ToVector();
+    if (starts_rdn) out->emplace_back();
+    out->back().push_back(std::move(a));
+    return true;
+  });
 }
 
 bool EncodeAttribute(const Name::Attribute& a, std::vector<uint8_t>* out) {
@@ -225,28 +255,6 @@ bool EncodeAttribute(const Name::Attribute& a, std::vector<uint8_t>* out) {
 // ---------------------------------------------------------------------------
 // Printing
 
-// The text that stands for a value in a printed name: its UTF-8 text, with
-// each NUL character written as "\00" (a name text never holds a NUL) and a
-// blank added after a final backslash (which would otherwise escape the
-// separator or closing quote that follows it).
-std::string DisplayText(const Name::Attribute& a) {
-  const std::string text = ValueText(a);
-  if (text.find('\0') == std::string::npos && (text.empty() || text.back() != '\\')) {
-    return text;
-  }
-  std::string out;
-  out.reserve(text.size() + 1);
-  for (char c : text) {
-    if (c == '\0') {
-      out += "\\00";
-    } else {
-      out.push_back(c);
-    }
-  }
-  if (!out.empty() && out.back() == '\\') out.push_back(' ');
-  return out;
-}
-
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 
 // A value is written bare unless the parser would read it back differently:
@@ -255,13 +263,19 @@ bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 bool NeedsQuotes(std::string_view text) {
   if (text.empty()) return false;
   if (IsBlank(text[0]) || text[0] == '"') return true;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if ((text[i] == ',' || text[i] == '+') && (i == 0 || text[i - 1] != '\\')) return true;
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  for (const char separator : {',', '+'}) {
+    for (const char* p = begin;
+         (p = static_cast<const char*>(std::memchr(p, separator, static_cast<size_t>(end - p))));
+         ++p) {
+      if (p == begin || p[-1] != '\\') return true;
+    }
   }
   return false;
 }
 
-void AppendValue(std::string_view text, std::string* out) {
+void AppendQuotedIfNeeded(std::string_view text, std::string* out) {
   if (!NeedsQuotes(text)) {
     out->append(text);
     return;
@@ -272,6 +286,131 @@ void AppendValue(std::string_view text, std::string* out) {
     out->push_back(c);
   }
   out->push_back('"');
+}
+
+// Appends the text that stands for a value of UTF-8 text |text| in a printed
+// name: each NUL character written as "\00" (a name text never holds a NUL)
+// and a blank added after a final backslash (which would otherwise escape
+// the separator or closing quote that follows it), then quoted if needed.
+void AppendDisplayText(std::string_view text, std::string* out) {
+  if (text.find('\0') == std::string_view::npos && (text.empty() || text.back() != '\\')) {
+    AppendQuotedIfNeeded(text, out);
+    return;
+  }
+  std::string display;
+  display.reserve(text.size() + 1);
+  for (char c : text) {
+    if (c == '\0') {
+      display += "\\00";
+    } else {
+      display.push_back(c);
+    }
+  }
+  if (!display.empty() && display.back() == '\\') display.push_back(' ');
+  AppendQuotedIfNeeded(display, out);
+}
+
+void AppendValue(int value_tag, Input value, std::string* out) {
+  if (IsConverted(value_tag)) {
+    AppendDisplayText(ValueText(value_tag, value), out);
+  } else {
+    AppendDisplayText(value.AsStringView(), out);
+  }
+}
+
+// One attribute as the printer sees it: the position of its type among the
+// printed types, and its value's universal tag number and content octets.
+struct AttributeView {
+  size_t order;
+  int value_tag;
+  Input value;
+};
+
+// The attributes of a name in name order. Names rarely hold more than a
+// handful, which stay on the stack.
+class AttributeViews {
+ public:
+  void push(const AttributeView& v) {
+    if (size_ < local_.size()) {
+      local_[size_++] = v;
+      return;
+    }
+    if (heap_.empty()) heap_.assign(local_.begin(), local_.end());
+    heap_.push_back(v);
+    ++size_;
+  }
+  size_t size() const { return size_; }
+  // Puts the attributes in printing order: by type position, name order
+  // within one type.
+  void sort() {
+    const auto by_order = [](const AttributeView& a, const AttributeView& b) {
+      return a.order < b.order;
+    };
+    if (!heap_.empty()) {
+      std::stable_sort(heap_.begin(), heap_.end(), by_order);
+      return;
+    }
+    for (size_t i = 1; i < size_; ++i) {
+      const AttributeView v = local_[i];
+      size_t j = i;
+      for (; j > 0 && by_order(v, local_[j - 1]); --j) local_[j] = local_[j - 1];
+      local_[j] = v;
+    }
+  }
+  const AttributeView& operator[](size_t i) const {
+    return heap_.empty() ? local_[i] : heap_[i];
+  }
+
+ private:
+  std::array<AttributeView, 16> local_{};
+  std::vector<AttributeView> heap_;
+  size_t size_ = 0;
+};
+
+// Position of a type given as dotted text among the printed types, or
+// kNotPrinted.
+constexpr size_t kNotPrinted = ~size_t{0};
+size_t PrintedOrder(std::string_view dotted) {
+  const auto& types = table::kPrintedTypes;
+  for (size_t i = 0; i < types.size(); ++i) {
+    if (dotted == types[i].type) return i;
+  }
+  return kNotPrinted;
+}
+
+// The same for a type given as OID content octets: the printed types are
+// encoded once, so that names read from DER need no dotted text.
+size_t PrintedOrder(Input oid) {
+  static const std::array<std::vector<uint8_t>, table::kPrintedTypes.size()> encoded = [] {
+    std::array<std::vector<uint8_t>, table::kPrintedTypes.size()> out;
+    for (size_t i = 0; i < out.size(); ++i) {
+      if (!der::OidFromText(table::kPrintedTypes[i].type, &out[i])) std::abort();
+    }
+    return out;
+  }();
+  for (size_t i = 0; i < encoded.size(); ++i) {
+    if (oid == Input(encoded[i])) return i;
+  }
+  return kNotPrinted;
+}
+
+// The one name printer. For each printed type in table order, every
+// attribute of that type in name order is written "LABEL=value", the pairs
+// joined by ", ", the first kMaxPrintedAttributes only.
+void PrintAttributes(AttributeViews* views, std::string* out) {
+  out->clear();
+  views->sort();
+  const size_t count = std::min(views->size(), static_cast<size_t>(kMaxPrintedAttributes));
+  size_t bytes = 0;
+  for (size_t i = 0; i < count; ++i) bytes += (*views)[i].value.size() + 10;
+  out->reserve(bytes);
+  for (size_t i = 0; i < count; ++i) {
+    const AttributeView& v = (*views)[i];
+    if (i > 0) out->append(", ");
+    out->append(table::kPrintedTypes[v.order].label);
+    out->push_back('=');
+    AppendValue(v.value_tag, v.value, out);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -389,12 +528,11 @@ void NormaliseAttribute(Name::Attribute* a) {
 bool Name::decode(const unsigned char* der, size_t length) {
   if (der == nullptr) return false;
   try {
-    const quillon::der::Input input(der, length);
     std::vector<uint8_t> normalised;
-    const bool strict = quillon::der::IsStrictDer(input);
-    if (!strict && !quillon::der::NormaliseToDer(input, &normalised)) return false;
+    quillon::der::Input der_form;
+    if (!quillon::AsDer(quillon::der::Input(der, length), &normalised, &der_form)) return false;
     std::vector<RDN> rdns;
-    if (!quillon::DecodeName(strict ? input : quillon::der::Input(normalised), &rdns)) return false;
+    if (!quillon::DecodeName(der_form, &rdns)) return false;
     rdns_ = std::move(rdns);
     return true;
   } catch (...) {
@@ -447,47 +585,86 @@ bool Name::parse(const char* text) {
 
 std::string Name::toString() const {
   try {
-    // Attributes in the order the table prints their types, name order
-    // within one type: the position of each attribute's type in the table,
-    // found once, then a stable sort of (position, attribute) pairs.
-    struct Item {
-      size_t order;
-      const Attribute* attribute;
-    };
-    std::vector<Item> items;
-    size_t total = 0;
-    for (const RDN& rdn : rdns_) total += rdn.size();
-    items.reserve(total);
-    size_t bytes = 0;
+    // A name lives in many small blocks (each RDN, each value): ask for
+    // them all before reading, so that their memory reads overlap rather
+    // than follow one another.
+    for (const RDN& rdn : rdns_) __builtin_prefetch(rdn.data());
+    for (const RDN& rdn : rdns_) {
+      for (const Attribute& a : rdn) __builtin_prefetch(a.value.data());
+    }
+    quillon::AttributeViews views;
     for (const RDN& rdn : rdns_) {
       for (const Attribute& a : rdn) {
-        const auto& types = quillon::name_table::kPrintedTypes;
-        for (size_t i = 0; i < types.size(); ++i) {
-          if (std::string_view(a.type) == types[i].type) {
-            items.push_back({i, &a});
-            bytes += a.value.size() + types[i].label.size() + 3;
-            break;
-          }
-        }
+        const size_t order = quillon::PrintedOrder(std::string_view(a.type));
+        if (order != quillon::kNotPrinted) views.push({order, a.valueTag, quillon::der::Input(a.value)});
       }
     }
-    std::stable_sort(items.begin(), items.end(),
-                     [](const Item& x, const Item& y) { return x.order < y.order; });
     std::string out;
-    out.reserve(bytes);
-    int printed = 0;
-    for (const Item& item : items) {
-      if (printed == quillon::kMaxPrintedAttributes) break;
-      if (printed++ > 0) out += ", ";
-      out += quillon::name_table::kPrintedTypes[item.order].label;
-      out += '=';
-      quillon::AppendValue(quillon::DisplayText(*item.attribute), &out);
-    }
+    quillon::PrintAttributes(&views, &out);
     return out;
   } catch (...) {
     return {};
   }
 }
+
+namespace quillon::pki {
+
+bool IsValidName(der::Input name_tlv) {
+  try {
+    std::vector<uint8_t> normalised;
+    der::Input der_form;
+    return AsDer(name_tlv, &normalised, &der_form) &&
+           WalkDerName(der_form, [](bool, der::Input, int, der::Input) { return true; });
+  } catch (...) {
+    return false;
+  }
+}
+
+bool IsValidNameInStrictDer(der::Input name_der) {
+  return WalkDerName(name_der, [](bool, der::Input, int, der::Input) { return true; });
+}
+
+namespace {
+
+// Prints a name in strict DER; false when the walk rejects it.
+bool PrintDerForm(der::Input der_form, std::string* out) {
+  AttributeViews views;
+  if (!WalkDerName(der_form, [&views](bool, der::Input oid, int tag, der::Input value) {
+        const size_t order = PrintedOrder(oid);
+        if (order != kNotPrinted) views.push({order, tag, value});
+        return true;
+      })) {
+    return false;
+  }
+  PrintAttributes(&views, out);
+  return true;
+}
+
+}  // namespace
+
+bool PrintNameDer(der::Input name_tlv, std::string* out) {
+  out->clear();
+  try {
+    std::vector<uint8_t> normalised;
+    der::Input der_form;
+    return AsDer(name_tlv, &normalised, &der_form) && PrintDerForm(der_form, out);
+  } catch (...) {
+    out->clear();
+    return false;
+  }
+}
+
+bool PrintStrictDerName(der::Input name_der, std::string* out) {
+  out->clear();
+  try {
+    return PrintDerForm(name_der, out);
+  } catch (...) {
+    out->clear();
+    return false;
+  }
+}
+
+}  // namespace quillon::pki
 
 void Name::normalise() {
   for (RDN& rdn : rdns_) {

@@ -64,6 +64,19 @@ int DaysInMonth(int year, int month) {
   return month == 2 && IsLeapYear(year) ? 29 : kDays[month - 1];
 }
 
+// Days from 1970-01-01 to a valid date of the proleptic Gregorian calendar
+// (the calendar timegm counts in), by arithmetic: every certificate read
+// parses two times, and the C library's conversion costs more than the rest
+// of the read.
+int64_t DaysFromCivil(int year, int month, int day) {
+  const int64_t y = static_cast<int64_t>(year) - (month <= 2 ? 1 : 0);
+  const int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const int64_t year_of_era = y - era * 400;                                      // 0..399
+  const int64_t day_of_year = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;  // 0..365
+  const int64_t day_of_era = year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year;
+  return era * 146097 + day_of_era - 719468;
+}
+
 // Parses UTCTime or GeneralizedTime text (see the rules at the top).
 bool ParseTime(int tag, const unsigned char* p, size_t n, int64_t* seconds, uint32_t* fraction) {
   size_t i = 0;
@@ -116,14 +129,8 @@ bool ParseTime(int tag, const unsigned char* p, size_t n, int64_t* seconds, uint
       minute > 59 || second > 60) {
     return false;
   }
-  struct tm fields {};
-  fields.tm_year = year - 1900;
-  fields.tm_mon = month - 1;
-  fields.tm_mday = day;
-  fields.tm_hour = hour;
-  fields.tm_min = minute;
-  fields.tm_sec = second;  // 60 rolls over into the next minute
-  *seconds = quillon::platform::FromUtc(&fields) - offset;
+  // 60 seconds roll over into the next minute.
+  *seconds = DaysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second - offset;
   *fraction = micros;
   return true;
 }

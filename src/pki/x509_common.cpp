@@ -1,7 +1,9 @@
 #include "pki/x509_common.h"
 
+#include <array>
 #include <cstring>
 #include <set>
+#include <string_view>
 
 namespace quillon::pki {
 
@@ -57,11 +59,44 @@ bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid)
   return !seq.HasMore();
 }
 
-bool ParseExtensions(der::Input content, std::vector<Extension>* out) {
-  out->clear();
+namespace {
+
+// The OIDs of the extensions read so far, to reject a repeated one. Their
+// content octets are compared: valid OID encodings are minimal, so equal
+// dotted texts mean equal octets. A handful are scanned on the stack; a
+// longer list goes to an ordered set.
+class SeenOids {
+ public:
+  // False when |oid| was seen before.
+  bool insert(der::Input oid) {
+    const std::string_view key = oid.AsStringView();
+    if (many_.empty()) {
+      for (size_t i = 0; i < count_; ++i) {
+        if (few_[i] == key) return false;
+      }
+      if (count_ < few_.size()) {
+        few_[count_++] = key;
+        return true;
+      }
+      many_.insert(few_.begin(), few_.end());
+    }
+    return many_.insert(key).second;
+  }
+
+ private:
+  std::array<std::string_view, 32> few_{};
+  size_t count_ = 0;
+  std::set<std::string_view> many_;
+};
+
+// Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension
+// Walks and checks the extensions, handing each to |fn|(oid, critical, value)
+// once it is known good; the one reader behind checking and materialising.
+template <class F>
+bool WalkExtensions(der::Input content, F&& fn) {
   der::Parser p(content);
   if (!p.HasMore()) return false;  // SIZE (1..MAX)
-  std::set<std::string> seen;
+  SeenOids seen;
   while (p.HasMore()) {
     der::Parser ext;
     der::Input oid, value;
@@ -74,14 +109,27 @@ bool ParseExtensions(der::Input content, std::vector<Extension>* out) {
       critical = crit[0] != 0;
     }
     if (!ext.Read(der::kOctetString, &value) || ext.HasMore()) return false;
+    if (!seen.insert(oid)) return false;
+    fn(oid, critical, value);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool CheckExtensions(der::Input content) {
+  return WalkExtensions(content, [](der::Input, bool, der::Input) {});
+}
+
+bool ParseExtensions(der::Input content, std::vector<Extension>* out) {
+  out->clear();
+  return WalkExtensions(content, [out](der::Input oid, bool critical, der::Input value) {
     Extension e;
     e.oid = OidText(oid);
-    if (e.oid.empty() || !seen.insert(e.oid).second) return false;
     e.critical = critical;
     e.value = value.ToVector();
     out->push_back(std::move(e));
-  }
-  return true;
+  });
 }
 
 const Extension* FindExtension(const std::vector<Extension>& exts, const char* oid) {

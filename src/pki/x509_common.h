@@ -45,6 +45,9 @@ struct DerSource {
 //                          extnValue OCTET STRING }
 // Rejects duplicate extensions (RFC 5280 4.2).
 [[nodiscard]] bool ParseExtensions(der::Input sequence_content, std::vector<Extension>* out);
+// True exactly when ParseExtensions() succeeds on |sequence_content|;
+// checks without materialising the extensions.
+[[nodiscard]] bool CheckExtensions(der::Input sequence_content);
 
 const Extension* FindExtension(const std::vector<Extension>& exts, const char* oid);
 

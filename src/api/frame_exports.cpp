@@ -4,34 +4,18 @@
 #include <cstring>
 #include <new>
 
+#include "api/export_guard.h"
 #include "api/library.h"
 #include "api/messages.h"
 #include "quillon32/quillon32.h"
 
 using quillon::api::CacheContext;
+using quillon::api::Guarded;
+using quillon::api::GuardedVoid;
 using quillon::api::Library;
 using quillon::api::OcspContext;
 
 namespace {
-
-// Runs |body|; an exception (only allocation failure can occur) becomes
-// |fallback|, so that none crosses the interface.
-template <class R, class F>
-R Guarded(R fallback, F&& body) noexcept {
-  try {
-    return body();
-  } catch (...) {
-    return fallback;
-  }
-}
-
-template <class F>
-void GuardedVoid(F&& body) noexcept {
-  try {
-    body();
-  } catch (...) {
-  }
-}
 
 CacheContext* AsCache(void* ctx) { return static_cast<CacheContext*>(ctx); }
 OcspContext* AsOcsp(void* ctx) { return static_cast<OcspContext*>(ctx); }

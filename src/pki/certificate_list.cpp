@@ -591,20 +591,9 @@ ByteView CertificateList::der() const {
   return ByteView{impl_->src.bytes.data(), impl_->src.bytes.size()};
 }
 
-namespace {
-const Name& EmptyName() {
-  static const Name empty;
-  return empty;
-}
-const X500Time& NoTime() {
-  static const X500Time none;
-  return none;
-}
-const std::vector<Extension>& NoExtensions() {
-  static const std::vector<Extension> none;
-  return none;
-}
-}  // namespace
+using pki::EmptyName;
+using pki::NoExtensions;
+using pki::NoTime;
 
 int CertificateList::version() const { return impl_ ? impl_->version : 0; }
 const Name& CertificateList::issuer() const { return impl_ ? impl_->issuer : EmptyName(); }

@@ -264,15 +264,8 @@ unsigned char cache_trustedCA(void*, unsigned char* der, unsigned long length) {
     // No signature is checked. Only the issuer's text is needed, so the
     // certificate is checked as decoding it would check it, and its issuer
     // printed from its bytes, without making the objects.
-    std::vector<uint8_t> rewrite;
-    quillon::der::Input issuer;
     std::string key;
-    if (!quillon::pki::PeekCertificateIssuer(quillon::der::Input(der, length), &issuer, &rewrite)) {
-      return 0;
-    }
-    const bool printed = rewrite.empty() ? quillon::pki::PrintStrictDerName(issuer, &key)
-                                         : quillon::pki::PrintNameDer(issuer, &key);
-    if (!printed) return 0;
+    if (!quillon::pki::PeekCertificateIssuerText(quillon::der::Input(der, length), &key)) return 0;
     return WithStore([&](const CaStore& store) { return store.findEntry(key) >= 0 ? 1 : 0; });
   });
 }

@@ -26,9 +26,17 @@ namespace quillon::pki {
 //   issuerUniqueID [1] IMPLICIT UniqueIdentifier OPTIONAL,
 //   subjectUniqueID [2] IMPLICIT UniqueIdentifier OPTIONAL,
 //   extensions [3] EXPLICIT Extensions OPTIONAL }
-bool ReadCertificateParts(Input der_bytes, bool checked_strict, CertificateParts* out) {
-  const auto valid_name = [checked_strict](Input name) {
-    return checked_strict ? pki::IsValidNameInStrictDer(name) : pki::IsValidName(name);
+bool ReadCertificateParts(Input der_bytes, DerKnown known, CertificateParts* out,
+                          bool check_issuer) {
+  // The parser reads in DER mode, so every element it reads has a DER
+  // header. Unchecked bytes are strict DER when, beyond that, the names (the
+  // name walk reads in DER mode and wants sorted SETs and primitive values)
+  // and any constructed algorithm parameters are; the other elements it
+  // does not enter are primitive.
+  const bool prove_der = known == DerKnown::kUnchecked;
+  const auto valid_name = [known](Input name) {
+    return known == DerKnown::kRewritten ? pki::IsValidName(name)
+                                         : pki::IsValidNameInStrictDer(name);
   };
   Parser outer(der_bytes);
   Parser cert;
@@ -37,7 +45,7 @@ bool ReadCertificateParts(Input der_bytes, bool checked_strict, CertificateParts
   if (!cert.PeekTag(&tag) || tag != der::kSequence) return false;
   if (!cert.ReadElement(&tag, &out->tbs_content, &out->tbs)) return false;
   Input sig_oid;
-  if (!pki::ReadAlgorithmIdentifier(&cert, &out->sig_alg, &sig_oid)) return false;
+  if (!pki::ReadAlgorithmIdentifier(&cert, &out->sig_alg, &sig_oid, prove_der)) return false;
   // A signature with unused bits cannot be valid, but the certificate still
   // decodes: verification is where it fails.
   if (!cert.ReadBitString(&out->sig_value, &out->sig_unused_bits) || cert.HasMore()) return false;
@@ -58,8 +66,8 @@ bool ReadCertificateParts(Input der_bytes, bool checked_strict, CertificateParts
       out->serial_content.size() > static_cast<size_t>(INT_MAX))
     return false;
   Input inner_alg, inner_oid;
-  if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid)) return false;
-  if (!p.ReadRawTLV(&out->issuer) || !valid_name(out->issuer)) return false;
+  if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid, prove_der)) return false;
+  if (!p.ReadRawTLV(&out->issuer) || (check_issuer && !valid_name(out->issuer))) return false;
   // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
   Parser validity;
   if (!p.ReadSequence(&validity) || !pki::ReadTime(&validity, &out->not_before) ||
@@ -74,7 +82,7 @@ bool ReadCertificateParts(Input der_bytes, bool checked_strict, CertificateParts
   Parser key(spki_value);
   Input key_alg;
   uint8_t unused = 0;
-  if (!pki::ReadAlgorithmIdentifier(&key, &key_alg, &out->key_alg_oid) ||
+  if (!pki::ReadAlgorithmIdentifier(&key, &key_alg, &out->key_alg_oid, prove_der) ||
       !key.ReadBitString(&out->public_key, &unused) || key.HasMore())
     return false;
   if (!p.SkipOptional(der::ContextSpecific(1), &present)) return false;
@@ -91,6 +99,14 @@ bool ReadCertificateParts(Input der_bytes, bool checked_strict, CertificateParts
     if (!pki::CheckExtensions(out->extensions)) return false;
   }
   return !p.HasMore();
+}
+
+void MoveCertificateParts(CertificateParts* parts, const uint8_t* from, const uint8_t* to) {
+  for (Input* view : {&parts->tbs, &parts->tbs_content, &parts->sig_alg, &parts->sig_value,
+                      &parts->serial_content, &parts->issuer, &parts->subject, &parts->spki,
+                      &parts->public_key, &parts->key_alg_oid, &parts->extensions}) {
+    if (view->data()) *view = Input(to + (view->data() - from), view->size());
+  }
 }
 
 bool CertificateDerForm(Input input, std::vector<uint8_t>* rewrite, Input* der_form,
@@ -112,22 +128,22 @@ bool CertificateDerForm(Input input, std::vector<uint8_t>* rewrite, Input* der_f
   return outer.ReadSequence(&cert) && cert.ReadRawTLV(received_tbs);
 }
 
-bool PeekCertificateIssuer(Input cert, Input* issuer, std::vector<uint8_t>* rewrite) {
-  // The bytes are read twice (the DER check, then the walk); asking for all
-  // their cache lines at once overlaps the memory reads the first pass would
-  // otherwise wait for one after another.
-  constexpr size_t kPrefetchLimit = 4096;
-  for (size_t at = 0; at < cert.size() && at < kPrefetchLimit; at += 64) {
-    __builtin_prefetch(cert.data() + at);
-  }
-  Input der_form, received_tbs;
+bool PeekCertificateIssuerText(Input cert, std::string* text) {
+  // DER, read once; the printer checks the issuer as it prints it (and
+  // fails on a name that is not strict DER).
   CertificateParts parts;
-  if (!CertificateDerForm(cert, rewrite, &der_form, &received_tbs) ||
-      !ReadCertificateParts(der_form, received_tbs.empty(), &parts)) {
-    return false;
+  if (ReadCertificateParts(cert, DerKnown::kUnchecked, &parts, /*check_issuer=*/false) &&
+      PrintStrictDerName(parts.issuer, text)) {
+    return true;
   }
-  *issuer = parts.issuer;
-  return true;
+  // Not DER, or no certificate: the way decoding goes.
+  std::vector<uint8_t> rewrite;
+  Input der_form, received_tbs;
+  return CertificateDerForm(cert, &rewrite, &der_form, &received_tbs) &&
+         ReadCertificateParts(der_form,
+                              received_tbs.empty() ? DerKnown::kStrict : DerKnown::kRewritten,
+                              &parts) &&
+         PrintNameDer(parts.issuer, text);
 }
 
 }  // namespace quillon::pki
@@ -150,7 +166,14 @@ struct Certificate::Impl {
   // materialising what it found.
   bool Parse() {
     pki::CertificateParts parts;
-    if (!pki::ReadCertificateParts(Input(src.bytes), src.was_strict, &parts)) return false;
+    return pki::ReadCertificateParts(
+               Input(src.bytes), src.was_strict ? pki::DerKnown::kStrict : pki::DerKnown::kRewritten,
+               &parts) &&
+           Materialise(parts);
+  }
+
+  // |parts| are views into src.bytes.
+  bool Materialise(const pki::CertificateParts& parts) {
     tbs = parts.tbs;
     sig_alg = parts.sig_alg;
     sig_value = parts.sig_value;
@@ -197,9 +220,20 @@ bool Certificate::decode(const unsigned char* bytes, size_t length) {
   impl_.reset();
   if (!bytes || length == 0) return false;
   auto impl = std::make_unique<Impl>();
+  const Input input(bytes, length);
+  pki::CertificateParts parts;
+  if (pki::ReadCertificateParts(input, pki::DerKnown::kUnchecked, &parts)) {
+    // Strict DER, read once: keep a copy and the views moved onto it.
+    impl->src.bytes.assign(bytes, bytes + length);
+    impl->src.was_strict = true;
+    pki::MoveCertificateParts(&parts, bytes, impl->src.bytes.data());
+    if (!impl->Materialise(parts)) return false;
+    impl_ = std::move(impl);
+    return true;
+  }
   std::vector<uint8_t> rewrite;
   Input der_form, received_tbs;
-  if (!pki::CertificateDerForm(Input(bytes, length), &rewrite, &der_form, &received_tbs)) {
+  if (!pki::CertificateDerForm(input, &rewrite, &der_form, &received_tbs)) {
     return false;
   }
   impl->src.was_strict = received_tbs.empty();

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "pki/der.h"
@@ -32,28 +33,39 @@ struct CertificateParts {
   der::Input extensions;      // content of the Extensions SEQUENCE when present
 };
 
+// What is known of the bytes ReadCertificateParts reads.
+enum class DerKnown {
+  kStrict,     // found to be strict DER as a whole
+  kRewritten,  // the DER rewrite of a BER input
+  // Not yet checked: the read also proves the bytes strict DER, and fails
+  // when they are not (as it fails when they are no certificate). DER, the
+  // usual input, is then read once instead of walked and then read.
+  kUnchecked,
+};
+
 // Reads a certificate in DER and checks all Certificate::decode checks: the
 // structure, version rules, a usable serial, the names, the times, the
 // algorithm identifiers, the key and the extensions (well formed, none
-// repeated). |checked_strict| tells that |der| was found to be strict DER
-// as a whole, which its names then are too. False when any check fails;
-// |out| is then unspecified.
-[[nodiscard]] bool ReadCertificateParts(der::Input der, bool checked_strict, CertificateParts* out);
+// repeated). With |check_issuer| false the issuer Name element is left
+// unchecked, for a caller that checks it by printing it. False when any
+// check fails; |out| is then unspecified.
+[[nodiscard]] bool ReadCertificateParts(der::Input der, DerKnown known, CertificateParts* out,
+                                        bool check_issuer = true);
 
-// How Certificate::decode takes its input, DER or BER: |*der_form| is the
-// input itself when it is strict DER, else its DER rewrite held in
-// |*rewrite|; for BER input |*received_tbs| is the TBSCertificate element as
-// it arrived (what a signature covers); for DER input it and |*rewrite| are
-// left empty.
+// Moves the views of |parts| from bytes at |from| to a copy of them at |to|.
+void MoveCertificateParts(CertificateParts* parts, const uint8_t* from, const uint8_t* to);
+
+// How Certificate::decode takes input that is not strict DER: |*der_form| is
+// the input itself when it is strict DER after all, else its DER rewrite
+// held in |*rewrite|; for BER input |*received_tbs| is the TBSCertificate
+// element as it arrived (what a signature covers); for DER input it and
+// |*rewrite| are left empty.
 // False when the input is no single constructed element readable that way.
 [[nodiscard]] bool CertificateDerForm(der::Input input, std::vector<uint8_t>* rewrite,
                                       der::Input* der_form, der::Input* received_tbs);
 
-// True exactly when Certificate::decode accepts |cert|. |*issuer| is then its
-// issuer Name element in DER: a view into |cert|, whose elements are then
-// all strict DER, or into |*rewrite| when the input was BER (|*rewrite| is
-// left empty for DER input).
-[[nodiscard]] bool PeekCertificateIssuer(der::Input cert, der::Input* issuer,
-                                         std::vector<uint8_t>* rewrite);
+// True exactly when Certificate::decode accepts |cert|; |*text| is then its
+// issuer name printed by the one name printer, as Name::toString() prints it.
+[[nodiscard]] bool PeekCertificateIssuerText(der::Input cert, std::string* text);
 
 }  // namespace quillon::pki

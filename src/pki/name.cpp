@@ -194,13 +194,20 @@ bool WalkDerName(Input der_bytes, F&& fn) {
     Parser set;
     if (!name.ReadConstructed(der::kSet, &set) || set.Remaining().empty()) return false;
     bool starts_rdn = true;
+    Input previous;
     while (!set.Remaining().empty()) {
-      Parser atv;
-      Input oid;
       der::Tag tag;
+      Input atv_value, atv_whole;
+      if (!set.ReadElement(&tag, &atv_value, &atv_whole) || tag != der::kSequence) return false;
+      // DER sorts the members of a SET by their encodings; names read here
+      // are DER, and callers that read them from unchecked bytes rely on
+      // the walk to say so.
+      if (!starts_rdn && atv_whole < previous) return false;
+      previous = atv_whole;
+      Parser atv(atv_value);
+      Input oid;
       Input value;
-      if (!set.ReadSequence(&atv) || !atv.ReadOid(&oid) || !atv.ReadTagAndValue(&tag, &value) ||
-          !atv.Remaining().empty()) {
+      if (!atv.ReadOid(&oid) || !atv.ReadTagAndValue(&tag, &value) || !atv.Remaining().empty()) {
         return false;
       }
       if (der::ClassOf(tag) != der::TagClass::kUniversal || der::IsConstructed(tag) ||
@@ -381,6 +388,26 @@ size_t PrintedOrder(std::string_view dotted) {
 // The same for a type given as OID content octets: the printed types are
 // encoded once, so that names read from DER need no dotted text.
 size_t PrintedOrder(Input oid) {
+  // Most attribute types are arcs of 2.5.4 (content 55 04 nn): those are
+  // found by their last arc.
+  static const std::array<uint8_t, 128> by_x520_arc = [] {
+    std::array<uint8_t, 128> out;
+    out.fill(0xFF);
+    for (size_t i = 0; i < table::kPrintedTypes.size(); ++i) {
+      const std::string_view type = table::kPrintedTypes[i].type;
+      if (type.size() > 6 && type.substr(0, 6) == "2.5.4.") {
+        const int arc = std::atoi(std::string(type.substr(6)).c_str());
+        if (arc > 0 && arc < 128 && out[static_cast<size_t>(arc)] == 0xFF) {
+          out[static_cast<size_t>(arc)] = static_cast<uint8_t>(i);
+        }
+      }
+    }
+    return out;
+  }();
+  if (oid.size() == 3 && oid[0] == 0x55 && oid[1] == 0x04 && oid[2] < 0x80) {
+    const uint8_t at = by_x520_arc[oid[2]];
+    return at == 0xFF ? kNotPrinted : at;
+  }
   static const std::array<std::vector<uint8_t>, table::kPrintedTypes.size()> encoded = [] {
     std::array<std::vector<uint8_t>, table::kPrintedTypes.size()> out;
     for (size_t i = 0; i < out.size(); ++i) {

@@ -45,7 +45,7 @@ bool ReadGeneralizedTime(der::Parser* p, X500Time* out) {
   return out->fromContent(X500Time::kGeneralizedTime, value.data(), value.size());
 }
 
-bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid) {
+bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid, bool prove_der) {
   der::Tag tag;
   der::Input value;
   if (!p->PeekTag(&tag) || tag != der::kSequence) return false;
@@ -55,6 +55,7 @@ bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid)
   if (seq.HasMore()) {
     der::Input params;
     if (!seq.ReadRawTLV(&params)) return false;
+    if (prove_der && (params[0] & 0x20) && !der::IsStrictDer(params)) return false;
   }
   return !seq.HasMore();
 }

@@ -38,7 +38,10 @@ struct DerSource {
 
 // AlgorithmIdentifier ::= SEQUENCE { algorithm OID, parameters ANY OPTIONAL }
 // Gives the whole element and the OID's content octets.
-[[nodiscard]] bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid);
+// With |prove_der|, constructed parameters must also be strict DER (the
+// parser checks the rest as it reads).
+[[nodiscard]] bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid,
+                                           bool prove_der = false);
 
 // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension
 // Extension ::= SEQUENCE { extnID OID, critical BOOLEAN DEFAULT FALSE,

@@ -15,27 +15,24 @@ check() {  # check NAME COMMAND...: the command must succeed
 has() { grep -qF -- "$2" <<<"$1"; }
 lacks() { ! grep -qF -- "$2" <<<"$1"; }
 
-# import, add, list
-out=$("$Q" --dir "$T/a" ca import "$EX/quillon-example-cas.pem" 2>&1)
-check "import of a missing directory fails" test $? -ne 0
+# import, add, list, show
+"$Q" --dir "$T/a" ca import "$EX/quillon-example-cas.pem" >/dev/null 2>&1
+check "import into a missing directory fails" test $? -ne 0
 mkdir "$T/a" "$T/b"
 check "import" "$Q" --dir "$T/a" ca import "$EX/quillon-example-cas.pem"
 check "list file is owner-only" test "$(stat -c %a "$T/a/caCertsList-3.5")" = 600
 out=$("$Q" --dir "$T/a" ca list)
 check "list counts the imported entries" has "$out" ": 3 entries, 3 certificates"
-check "list shows the root" has "$out" "[0] C=IT, O=Quillon Examples, CN=Quillon Example Root CA"
 check "list shows the source" has "$out" "source 2 (PEM list)"
 check "add" "$Q" --dir "$T/a" ca add "$EX"/from-trusted-lists/*.cer "$EX/quillon-example-ecc-root-ca.der"
 out=$("$Q" --dir "$T/a" ca list)
 check "list after add" has "$out" ": 6 entries, 6 certificates"
 check "an added certificate" has "$out" "[3] C=BE, CN=Belgium Root CA4"
 check "its serial and source" has "$out" "#0 serial 4F33208CC594BF38, source 3 (added)"
-check "UTF-8 in a subject" has "$out" "CN=ChamberSign France - AC 2 étoiles"
 # The ECC root was in the PEM list; adding it again replaces its record.
 ecc=$(grep -A1 "Quillon Example ECC Root CA" <<<"$out" | tail -1)
 check "a re-added certificate takes the new source" has "$ecc" "source 3 (added)"
-out=$("$Q" --dir "$T/a" ca show 3)
-check "show" has "$out" "issuer:      C=BE, CN=Belgium Root CA4"
+check "show" has "$("$Q" --dir "$T/a" ca show 3)" "issuer:      C=BE, CN=Belgium Root CA4"
 
 # export, then import the export elsewhere: the same certificates
 check "export" "$Q" --dir "$T/a" ca export "$T/export.pem"
@@ -56,37 +53,31 @@ head -c 100 "$T/a/caCertsList-3.5" >"$T/b/caCertsList-3.5"
 check "a truncated list is refused" test $? -eq 1
 
 # remove
-out=$("$Q" --dir "$T/a" ca remove 0)
-check "remove an entry" has "$out" "5 entries left"
-out=$("$Q" --dir "$T/a" ca remove --source 3)
-check "remove a source" has "$out" "removed 4 certificates of source 3"
-out=$("$Q" --dir "$T/a" ca list)
-check "what is left" has "$out" ": 1 entries, 1 certificates"
-check "the issuing CA is left" has "$out" "Quillon Example Issuing CA"
+check "remove an entry" has "$("$Q" --dir "$T/a" ca remove 0)" "5 entries left"
+check "remove a source" has "$("$Q" --dir "$T/a" ca remove --source 3)" "removed 4 certificates of source 3"
+check "one entry is left" has "$("$Q" --dir "$T/a" ca list)" ": 1 entries, 1 certificates"
 "$Q" --dir "$T/a" ca remove 0 >/dev/null
 check "an emptied list has no file" test ! -e "$T/a/caCertsList-3.5"
 
 # a list with trusted-list certificates: country, type, status; kept by an add
 mkdir "$T/tl"
 cp "$2/tests/cli/trusted-list-cas/caCertsList-3.5" "$T/tl/"
-out=$("$Q" --dir "$T/tl" ca list)
-check "trusted-list country and type" has "$out" \
+check "trusted-list country and type" has "$("$Q" --dir "$T/tl" ca list)" \
   "#0 serial 4F33208CC594BF38, source 1 (trusted list), country BE, type http://uri.etsi.org/TrstSvc/Svctype/CA/QC"
 out=$("$Q" --dir "$T/tl" ca show 0)
 check "trusted-list status" has "$out" "status:      http://uri.etsi.org/TrstSvc/TrustedList/Svcstatus/granted"
 check "qualified" has "$out" "qualified:   yes"
-out=$("$Q" --dir "$T/tl" ca show 1)
-check "not qualified" has "$out" "qualified:   no"
+check "not qualified" has "$("$Q" --dir "$T/tl" ca show 1)" "qualified:   no"
 "$Q" --dir "$T/tl" ca add "$EX/quillon-example-ecc-root-ca.der" >/dev/null
 out=$("$Q" --dir "$T/tl" ca list)
 check "metadata kept through a save" has "$out" "country IT, type http://uri.etsi.org/TrstSvc/Svctype/CA/PKC"
 check "and the new one added" has "$out" ": 4 entries, 4 certificates"
 
-# log language and level
+# log language, identity and level
 "$Q" --dir "$T/b" --lang en --log "$T/en.log" --log-level 7 ca import "$EX/quillon-example-cas.pem" >/dev/null
 log=$(cat "$T/en.log")
-check "English log" has "$log" "CA certificates list initialization completed"
 check "log identity" has "$log" " quillon["
+check "English log at level 7" has "$log" "CA certificates list initialization completed"
 "$Q" --dir "$T/b" --lang de --log "$T/de.log" ca list >/dev/null
 log=$(cat "$T/de.log")
 check "level 6 logs the count" has "$log" ": 3"

@@ -2,14 +2,10 @@
 # Helpers shared by tests/servers/start.sh and stop.sh. Source it, don't run it.
 # Everything here talks to 127.0.0.1 only, and every loop is bounded.
 #
-# Layout of a servers directory DIR (made by start.sh):
-#   .quillon-servers   marker: start.sh wipes a non-empty DIR only if it holds this
-#   servers.env        KEY=VALUE lines for the tests, written last (atomically)
-#   run/NAME.pid       PID of each server started, and run/NAME.comm its
-#   run/NAME.comm      /proc/PID/comm at start: stop.sh signals only a match
-#   pki/               certificates and keys (openssl CLI)
-#   www/               document root the tests write into
-#   nginx/             nginx.conf, logs, pid file, temp paths
+# A servers directory DIR holds: .quillon-servers (the marker that lets
+# start.sh wipe it), servers.env, run/NAME.pid and run/NAME.comm (each server
+# started and its /proc/PID/comm: stop.sh signals only a process that still
+# matches), pki/, www/ (the document root) and one directory per server.
 
 # Debian's own python3 first: a pyenv shim on PATH costs about 0.25 s a call.
 if [ -z "${PYTHON:-}" ]; then
@@ -19,33 +15,42 @@ fi
 die() { echo "servers: error: $*" >&2; exit 1; }
 note() { echo "servers: $*" >&2; }
 
-now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
+# show_log FILE...: the last lines of each non-empty FILE, on stderr.
+show_log() {
+    local f
+    for f in "$@"; do
+        [ -s "$f" ] || continue
+        echo "---- $f (last 30 lines)" >&2
+        tail -n 30 "$f" >&2
+    done
+}
 
-# free_ports N: print N distinct TCP ports that are free on 127.0.0.1 right now,
-# one a line. The kernel picks them; all N sockets are bound at once so they
-# differ. Another process can still take one before our server binds it, so
-# callers check ownership and retry.
+# free_ports N: N distinct TCP ports free on 127.0.0.1 right now, one a line.
+# Another process can still take one before our server binds it, so callers
+# check ownership and retry.
 free_ports() {
     "$PYTHON" - "$1" <<'EOF'
 import socket, sys
-socks = []
-for _ in range(int(sys.argv[1])):
-    s = socket.socket()
+socks = [socket.socket() for _ in range(int(sys.argv[1]))]
+for s in socks:
     s.bind(("127.0.0.1", 0))
-    socks.append(s)
 for s in socks:
     print(s.getsockname()[1])
-for s in socks:
-    s.close()
 EOF
 }
 
-# wait_until TIMEOUT_MS CMD...: run CMD every 50 ms until it succeeds.
-# Returns 1 on time-out; at most TIMEOUT_MS/50 + 1 tries.
-wait_until() {
-    local limit=$1 tries i
+# http_ok URL [curl options]: a GET of URL answers 200.
+http_ok() {
+    local url=$1 code
     shift
-    tries=$(( limit / 50 + 1 ))
+    code=$(curl -q -s -o /dev/null -w '%{http_code}' --noproxy '*' --max-time 2 "$@" "$url") || true
+    [ "$code" = 200 ]
+}
+
+# wait_until TIMEOUT_MS CMD...: run CMD every 50 ms until it succeeds; 1 on time-out.
+wait_until() {
+    local tries=$(( $1 / 50 + 1 )) i
+    shift
     for (( i = 0; i < tries; i++ )); do
         "$@" >/dev/null 2>&1 && return 0
         sleep 0.05
@@ -53,8 +58,8 @@ wait_until() {
     return 1
 }
 
-# pid_alive PID: the process exists and is not a zombie. A server outlives the
-# script that started it and is re-parented, and its new parent may reap late.
+# pid_alive PID: the process exists and is not a zombie (a server outlives the
+# script that started it, and its new parent may reap it late).
 pid_alive() {
     local st
     { read -r st <"/proc/$1/stat"; } 2>/dev/null || return 1
@@ -63,37 +68,29 @@ pid_alive() {
     [ -n "$st" ] && [ "$st" != Z ] && [ "$st" != X ]
 }
 
-# pid_comm PID: print /proc/PID/comm (empty if gone).
 pid_comm() { cat "/proc/$1/comm" 2>/dev/null || true; }
 
-# children_of PID: print the PIDs whose parent is PID (from /proc, no ps needed).
+# children_of PID: the PIDs whose parent is PID.
 children_of() {
-    local f st rest ppid p
+    local f st
     for f in /proc/[0-9]*/stat; do
         { read -r st <"$f"; } 2>/dev/null || continue
-        rest=${st##*) }          # "S PPID ..." after the command name
-        rest=${rest#* }
-        ppid=${rest%% *}
-        if [ "$ppid" = "$1" ]; then
-            p=${f#/proc/}
-            echo "${p%/stat}"
-        fi
+        st=${st##*) }
+        st=${st#* }
+        if [ "${st%% *}" = "$1" ]; then f=${f#/proc/}; echo "${f%/stat}"; fi
     done
 }
 
 # owns_port PID PORT: the socket listening on 127.0.0.1:PORT belongs to PID,
-# not to whatever else may have taken the port (another test run's server).
+# not to whatever else took the port (another test run's server).
 owns_port() {
-    if ! command -v ss >/dev/null 2>&1; then
-        return 0    # cannot tell without ss (iproute2); the HTTP probe still runs
-    fi
+    command -v ss >/dev/null 2>&1 || return 0  # cannot tell; the HTTP probe still runs
     ss -Hltnp "( sport = :$2 )" 2>/dev/null | grep -q "pid=$1,"
 }
 
-# record DIR NAME PID PROGRAM: note the PID, and the command name it will have
-# (/proc/PID/comm: the program's file name, cut to 15 characters), for stop.sh.
-# The name comes from PROGRAM rather than from /proc: just after `prog &` the
-# child can still be the shell that is about to exec it.
+# record DIR NAME PID PROGRAM: note the PID and the command name it will have
+# (the program's file name, cut to 15 characters), for stop.sh. Taken from
+# PROGRAM: just after `prog &` the child may still be the shell about to exec.
 record() {
     local comm
     comm=$(basename -- "$4")
@@ -117,8 +114,7 @@ wait_gone() {
 
 # stop_pid PID NAME: SIGTERM, up to 5 s, then SIGKILL to PID and to the children
 # it had (an nginx master killed hard leaves its workers holding the ports).
-# NAME is the expected /proc/PID/comm; a PID now running something else is left
-# alone. Returns 0 when the process is gone (or was gone already).
+# A PID that no longer runs NAME is left alone. 0 when the process is gone.
 stop_pid() {
     local pid=$1 name=$2 kids k have
     if ! [[ $pid =~ ^[0-9]+$ ]] || [ "$pid" -le 1 ]; then
@@ -145,10 +141,10 @@ stop_pid() {
 }
 
 # stop_recorded DIR: stop every server recorded in DIR/run and drop its record.
-# Returns 1 only if one of them could not be stopped.
+# 1 only if one of them could not be stopped.
 stop_recorded() {
-    local dir=$1 pf name pid rc=0
-    for pf in "$dir"/run/*.pid; do
+    local pf name pid rc=0
+    for pf in "$1"/run/*.pid; do
         [ -f "$pf" ] || continue
         name=$(cat "${pf%.pid}.comm" 2>/dev/null || true)
         pid=$(head -n1 "$pf" 2>/dev/null || true)

@@ -1,3 +1,6 @@
+// Attribute certificates. None is among the shared test data and the OpenSSL
+// in use has no attribute-certificate API, so they are hand-built with the
+// tests' own DER writer and signed with OpenSSL.
 #include "quillon32/attribute_certificate.h"
 
 #include <gtest/gtest.h>
@@ -10,14 +13,11 @@
 #include "support/der_writer.h"
 #include "support/pki_factory.h"
 
-// No attribute certificate is among the shared test data and the OpenSSL in
-// use has no attribute-certificate API, so the certificates here are
-// hand-built with the tests' own DER writer and signed with OpenSSL.
 namespace {
 
 namespace qt = quillon::testing;
+namespace tag = quillon::testing::der;
 using Bytes = std::vector<uint8_t>;
-using W = qt::DerWriter;
 
 Bytes ToBytes(ByteView v) { return Bytes(v.data, v.data + v.size); }
 
@@ -28,40 +28,37 @@ const Bytes& IssuerName() {
   return name;
 }
 
-void DirectoryName(W* w) {
-  w->Begin(qt::der::CtxCons(4));
-  w->Raw(IssuerName());
+// GeneralName directoryName [4] holding |name|.
+void DirectoryName(qt::DerWriter* w, const Bytes& name) {
+  w->Begin(tag::CtxCons(4));
+  w->Raw(name);
   w->End();
 }
 
-// AttributeCertificateInfo with one part replaced by |variant|; |long_form|
-// writes its own length in four octets (BER).
-Bytes Acinfo(const std::string& variant, bool long_form = false) {
-  W w;
-  w.Begin(qt::der::kSequence);
+// AttributeCertificateInfo with one part replaced by |variant|.
+Bytes Acinfo(const std::string& variant) {
+  qt::DerWriter w;
+  w.Begin(tag::kSequence);
   w.Integer(variant == "version v1" ? 0 : 1);
-  w.Begin(qt::der::kSequence);  // Holder: baseCertificateID [0] IssuerSerial
-  w.Begin(qt::der::CtxCons(0));
-  w.Begin(qt::der::kSequence);
-  w.Begin(qt::der::CtxCons(4));
-  w.Raw(qt::NameDer(qt::TestName("Holder's CA")));
-  w.End();
+  w.Begin(tag::kSequence);  // Holder: baseCertificateID [0] IssuerSerial
+  w.Begin(tag::CtxCons(0));
+  w.Begin(tag::kSequence);
+  DirectoryName(&w, qt::NameDer(qt::TestName("Holder's CA")));
   w.End();
   w.Integer(77);
   w.End();
   w.End();
-  if (variant == "v1Form") {
-    w.Begin(qt::der::kSequence);
-    w.Tlv(qt::der::Ctx(6), std::string_view("http://aa.example/"));
-    DirectoryName(&w);
+  if (variant == "v1Form") {  // GeneralNames: a URI, then the directory name
+    w.Begin(tag::kSequence);
+    w.Tlv(tag::Ctx(6), std::string_view("http://aa.example/"));
+    DirectoryName(&w, IssuerName());
     w.End();
-  } else {
-    w.Begin(qt::der::CtxCons(0));  // v2Form
-    // issuerName GeneralNames, or only baseCertificateID [0] IssuerSerial.
+  } else {  // v2Form [0]: issuerName, or only baseCertificateID [0]
     const bool base = variant == "baseCertificateID only";
-    if (base) w.Begin(qt::der::CtxCons(0));
-    w.Begin(qt::der::kSequence);
-    DirectoryName(&w);
+    w.Begin(tag::CtxCons(0));
+    if (base) w.Begin(tag::CtxCons(0));
+    w.Begin(tag::kSequence);
+    DirectoryName(&w, IssuerName());
     w.End();
     if (base) {
       w.Integer(1);
@@ -71,46 +68,35 @@ Bytes Acinfo(const std::string& variant, bool long_form = false) {
   }
   w.Raw(qt::SignatureAlgorithmDer(IssuerKey()));
   w.Integer(Bytes{0x00, 0xAC, 0x01});
-  w.Begin(qt::der::kSequence);
+  w.Begin(tag::kSequence);
   w.GeneralizedTime(1700000000);
   w.GeneralizedTime(1800000000);
   w.End();
-  w.Begin(qt::der::kSequence);  // attributes: one role
-  w.Begin(qt::der::kSequence);
+  w.Begin(tag::kSequence);  // attributes: one role
+  w.Begin(tag::kSequence);
   w.Oid("2.5.4.72");
-  w.Begin(qt::der::kSet);
-  w.Begin(qt::der::kSequence);
-  w.Begin(qt::der::CtxCons(1));
-  w.Tlv(qt::der::Ctx(6), std::string_view("urn:role:signer"));
+  w.Begin(tag::kSet);
+  w.Begin(tag::kSequence);
+  w.Begin(tag::CtxCons(1));
+  w.Tlv(tag::Ctx(6), std::string_view("urn:role:signer"));
   w.End();
   w.End();
   w.End();
   w.End();
   w.End();
-  w.Begin(qt::der::kSequence);  // extensions: authority key identifier
-  w.Begin(qt::der::kSequence);
+  w.Begin(tag::kSequence);  // extensions: authority key identifier
+  w.Begin(tag::kSequence);
   w.Oid("2.5.29.35");
-  W aki;
-  aki.Begin(qt::der::kSequence);
-  aki.Tlv(qt::der::Ctx(0), qt::KeyIdentifier(IssuerKey()));
+  qt::DerWriter aki;
+  aki.Begin(tag::kSequence);
+  aki.Tlv(tag::Ctx(0), qt::KeyIdentifier(IssuerKey()));
   aki.End();
   w.OctetString(aki.Take());
   w.End();
   w.End();
   if (variant == "trailing element") w.Null();
   w.End();
-  Bytes out = w.Take();
-  if (!long_form) return out;
-  // The same with its length in four octets.
-  const size_t header = out[1] < 0x80 ? 2 : 2 + (out[1] & 0x7F);
-  const size_t n = out.size() - header;
-  Bytes ber(6 + n);
-  ber[0] = 0x30;
-  ber[1] = 0x84;
-  ber[4] = static_cast<uint8_t>(n >> 8);
-  ber[5] = static_cast<uint8_t>(n);
-  std::copy(out.begin() + static_cast<long>(header), out.end(), ber.begin() + 6);
-  return ber;
+  return w.Take();
 }
 
 bool Verifies(const AttributeCertificate& ac) {
@@ -121,75 +107,73 @@ bool Verifies(const AttributeCertificate& ac) {
 }
 
 TEST(AttributeCert, DecodesIssuerSerialValidityAndKeyIdentifier) {
-  struct Case {
-    const char* variant;
-    bool decodes;
-    bool issuerName;
-  };
-  const Case kCases[] = {
+  const struct { const char* variant; bool decodes; bool issuer_name; } kCases[] = {
       {"v2Form", true, true},
-      {"v1Form", true, true},  // directoryName after a URI
+      {"v1Form", true, true},
       {"baseCertificateID only", true, false},
       {"version v1", false, false},
       {"trailing element", false, false},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.variant);
     const Bytes acinfo = Acinfo(c.variant);
     const Bytes der = qt::SignTbs(acinfo, IssuerKey());
     AttributeCertificate ac;
-    ASSERT_EQ(c.decodes, ac.decode(der.data(), der.size()));
-    if (!c.decodes) {
-      EXPECT_FALSE(ac.isDecoded());
-      continue;
-    }
-    EXPECT_EQ(2, ac.version());
-    EXPECT_EQ(c.issuerName, ac.hasIssuerName());
-    if (c.issuerName) {
-      EXPECT_EQ(IssuerName(), ToBytes(ac.issuerBytes()));
-      EXPECT_EQ("Quillon Test Attribute Authority", ac.issuer().attributeText("2.5.4.3"));
-    } else {
-      EXPECT_TRUE(ac.issuer().empty());
-    }
-    EXPECT_EQ("AC01", ac.serialNumber().toHex());
-    EXPECT_EQ(1700000000, ac.notBefore().seconds());
-    EXPECT_EQ(1800000000, ac.notAfter().seconds());
+    ASSERT_EQ(ac.decode(der.data(), der.size()), c.decodes);
+    EXPECT_EQ(ac.isDecoded(), c.decodes);
+    if (!c.decodes) continue;
+    EXPECT_EQ(ac.version(), 2);
+    EXPECT_EQ(ac.hasIssuerName(), c.issuer_name);
+    EXPECT_EQ(ToBytes(ac.issuerBytes()), c.issuer_name ? IssuerName() : Bytes{});
+    EXPECT_EQ(ac.issuer().attributeText("CN"),
+              c.issuer_name ? "Quillon Test Attribute Authority" : "");
+    EXPECT_EQ(ac.serialNumber().toHex(), "AC01");
+    EXPECT_EQ(ac.notBefore().seconds(), 1700000000);
+    EXPECT_EQ(ac.notAfter().seconds(), 1800000000);
     AuthorityKeyIdentifier aki;
     ASSERT_TRUE(ac.authorityKeyIdentifier(&aki));
-    EXPECT_EQ(qt::KeyIdentifier(IssuerKey()), aki.keyIdentifier());
-    EXPECT_EQ(acinfo, ToBytes(ac.acinfo()));
-    EXPECT_EQ(qt::SignatureAlgorithmDer(IssuerKey()), ToBytes(ac.signatureAlgorithm()));
+    EXPECT_EQ(aki.keyIdentifier(), qt::KeyIdentifier(IssuerKey()));
+    EXPECT_EQ(ToBytes(ac.acinfo()), acinfo);
+    EXPECT_EQ(ToBytes(ac.signatureAlgorithm()), qt::SignatureAlgorithmDer(IssuerKey()));
     EXPECT_TRUE(Verifies(ac));
-    EXPECT_EQ(der, ac.encode());
-    EXPECT_EQ(0x30, ac.holder().data[0]);
-    EXPECT_EQ(0x30, ac.attributes().data[0]);
-
+    EXPECT_EQ(ac.encode(), der);
+    EXPECT_EQ(ac.holder().data[0], 0x30);
+    EXPECT_EQ(ac.attributes().data[0], 0x30);
     const AttributeCertificate copy(ac);
-    EXPECT_EQ(ac, copy);
-    EXPECT_NE(ac.der().data, copy.der().data);
-    EXPECT_EQ(ac.issuer(), copy.issuer());
+    EXPECT_EQ(copy, ac);
+    EXPECT_NE(copy.der().data, ac.der().data);
+    EXPECT_EQ(copy.issuer(), ac.issuer());
   }
 }
 
+// An acinfo with its length in four octets is signed as written: the signed
+// bytes stay as received, the encoding is DER. Every cut of it fails.
 TEST(AttributeCert, BerKeepsTheSignedBytesAsReceived) {
-  const Bytes acinfo = Acinfo("v2Form", true);
-  const Bytes der = qt::SignTbs(acinfo, IssuerKey());
+  const Bytes acinfo = Acinfo("v2Form");
+  const size_t header = acinfo[1] < 0x80 ? 2 : 2 + (acinfo[1] & 0x7F);
+  const size_t n = acinfo.size() - header;
+  Bytes ber_acinfo(6 + n);
+  ber_acinfo[0] = 0x30;
+  ber_acinfo[1] = 0x84;
+  ber_acinfo[4] = static_cast<uint8_t>(n >> 8);
+  ber_acinfo[5] = static_cast<uint8_t>(n);
+  std::copy(acinfo.begin() + static_cast<long>(header), acinfo.end(), ber_acinfo.begin() + 6);
+  const Bytes ber = qt::SignTbs(ber_acinfo, IssuerKey());
+
   AttributeCertificate ac;
-  ASSERT_TRUE(ac.decode(der.data(), der.size()));
+  ASSERT_TRUE(ac.decode(ber.data(), ber.size()));
   EXPECT_FALSE(ac.isStrictDER());
-  EXPECT_EQ(acinfo, ToBytes(ac.acinfo()));
+  EXPECT_EQ(ToBytes(ac.acinfo()), ber_acinfo);
   EXPECT_TRUE(Verifies(ac));
-  // The encoding is DER: the same certificate with the acinfo length minimal.
-  const size_t outer_header = der[1] < 0x80 ? 2 : 2 + (der[1] & 0x7F);
-  W w;
-  w.Begin(qt::der::kSequence);
-  w.Raw(Acinfo("v2Form"));
-  w.Raw(Bytes(der.begin() + static_cast<long>(outer_header + acinfo.size()), der.end()));
-  w.End();
-  EXPECT_EQ(w.Take(), ac.encode());
-  const AttributeCertificate copy(ac);
-  EXPECT_EQ(acinfo, ToBytes(copy.acinfo()));
-  for (size_t n = 0; n < der.size(); ++n) EXPECT_FALSE(ac.decode(der.data(), n)) << n;
+  // The encoding is the same certificate with the acinfo length minimal.
+  const Bytes der = ac.encode();
+  AttributeCertificate again;
+  ASSERT_TRUE(again.decode(der.data(), der.size()));
+  EXPECT_TRUE(again.isStrictDER());
+  EXPECT_EQ(ToBytes(again.acinfo()), acinfo);
+  EXPECT_EQ(ToBytes(again.signatureValue()), ToBytes(ac.signatureValue()));
+  EXPECT_EQ(ToBytes(AttributeCertificate(ac).acinfo()), ber_acinfo);
+  for (size_t cut = 0; cut < ber.size(); ++cut) EXPECT_FALSE(ac.decode(ber.data(), cut)) << cut;
 }
 
 }  // namespace

@@ -94,6 +94,16 @@ bool Parser::ReadEnumerated(uint64_t* out) {
 }
 
 bool Parser::ReadOid(Input* content) {
+  // Nearly every OID is short: its header is two octets, read here without
+  // the general header decoder (a short-form length is valid in DER and BER).
+  if (!failed_ && input_.size() - pos_ >= 2 && pos_ < input_.size() && input_[pos_] == 0x06 &&
+      input_[pos_ + 1] < 0x80 && input_[pos_ + 1] <= input_.size() - pos_ - 2) {
+    const Input v(input_.data() + pos_ + 2, input_[pos_ + 1]);
+    if (!IsValidOid(v)) return Fail();
+    pos_ += 2 + v.size();
+    *content = v;
+    return true;
+  }
   Input v;
   if (!Read(kOid, &v)) return false;
   if (!IsValidOid(v)) return Fail();
@@ -246,6 +256,17 @@ bool IsValidOid(Input v) {
   // validity is: no arc starts with 0x80 and the last octet ends an arc.
   // An OID with a longer arc is walked in full.
   if (v.empty() || v.size() > 1024 || (v[v.size() - 1] & 0x80)) return false;
+  if (v.size() <= 8) {
+    // Most OIDs: all octets in one word, checked at once. An arc starts at
+    // the first octet and after every octet without the high bit.
+    constexpr uint64_t kHigh = 0x8080808080808080ull, kLow = 0x7F7F7F7F7F7F7F7Full;
+    uint64_t x = 0;
+    for (size_t i = 0; i < v.size(); ++i) x |= static_cast<uint64_t>(v[i]) << (8 * i);
+    const uint64_t y = x ^ kHigh;                         // zero octets where x has 0x80
+    const uint64_t not_80 = (((y & kLow) + kLow) | y) & kHigh;
+    const uint64_t starts = ~(x << 8) & kHigh;
+    return (~not_80 & kHigh & starts) == 0;
+  }
   size_t continued = 0;
   for (const uint8_t b : v) {
     if (continued == 0 && b == 0x80) return false;  // non-minimal arc

@@ -295,12 +295,37 @@ void AppendQuotedIfNeeded(std::string_view text, std::string* out) {
   out->push_back('"');
 }
 
+// True when |text| holds a NUL, "," or "+"; eight characters at a time.
+bool HasNulCommaOrPlus(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+  const auto has_zero_octet = [](uint64_t w) { return (w - kOnes) & ~w & kHigh; };
+  size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    uint64_t w;
+    std::memcpy(&w, text.data() + i, 8);
+    if (has_zero_octet(w) | has_zero_octet(w ^ (kOnes * ',')) | has_zero_octet(w ^ (kOnes * '+')))
+      return true;
+  }
+  for (; i < text.size(); ++i) {
+    if (text[i] == '\0' || text[i] == ',' || text[i] == '+') return true;
+  }
+  return false;
+}
+
 // Appends the text that stands for a value of UTF-8 text |text| in a printed
 // name: each NUL character written as "\00" (a name text never holds a NUL)
 // and a blank added after a final backslash (which would otherwise escape
 // the separator or closing quote that follows it), then quoted if needed.
 void AppendDisplayText(std::string_view text, std::string* out) {
-  if (text.find('\0') == std::string_view::npos && (text.empty() || text.back() != '\\')) {
+  // Most values hold none of the characters that need care: one pass finds
+  // that, and they are copied as they are.
+  const bool plain = text.empty() || (!IsBlank(text[0]) && text[0] != '"' &&
+                                      text.back() != '\\' && !HasNulCommaOrPlus(text));
+  if (plain) {
+    out->append(text);
+    return;
+  }
+  if (text.find('\0') == std::string_view::npos && text.back() != '\\') {
     AppendQuotedIfNeeded(text, out);
     return;
   }

@@ -70,6 +70,15 @@ class SeenOids {
  public:
   // False when |oid| was seen before.
   bool insert(der::Input oid) {
+    // Certificate and CRL extensions are mostly arcs of 2.5.29 (content
+    // 55 1D nn): those are kept as bits.
+    if (oid.size() == 3 && oid[0] == 0x55 && oid[1] == 0x1D && oid[2] < 0x80) {
+      const uint64_t bit = uint64_t{1} << (oid[2] & 63);
+      uint64_t& word = ce_arcs_[oid[2] >> 6];
+      if (word & bit) return false;
+      word |= bit;
+      return true;
+    }
     const std::string_view key = oid.AsStringView();
     if (many_.empty()) {
       for (size_t i = 0; i < count_; ++i) {
@@ -85,7 +94,8 @@ class SeenOids {
   }
 
  private:
-  std::array<std::string_view, 32> few_{};
+  uint64_t ce_arcs_[2] = {0, 0};
+  std::array<std::string_view, 8> few_;
   size_t count_ = 0;
   std::set<std::string_view> many_;
 };

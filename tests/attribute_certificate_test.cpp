@@ -53,12 +53,12 @@ Bytes Acinfo(const std::string& variant) {
     w.Tlv(tag::Ctx(6), std::string_view("http://aa.example/"));
     DirectoryName(&w, IssuerName());
     w.End();
-  } else {  // v2Form [0]: issuerName, or only baseCertificateID [0]
+  } else {  // v2Form [0]: issuerName (maybe empty), or only baseCertificateID [0]
     const bool base = variant == "baseCertificateID only";
     w.Begin(tag::CtxCons(0));
     if (base) w.Begin(tag::CtxCons(0));
     w.Begin(tag::kSequence);
-    DirectoryName(&w, IssuerName());
+    if (variant != "empty issuerName") DirectoryName(&w, IssuerName());
     w.End();
     if (base) {
       w.Integer(1);
@@ -112,6 +112,7 @@ TEST(AttributeCert, DecodesIssuerSerialValidityAndKeyIdentifier) {
       {"v1Form", true, true},
       {"baseCertificateID only", true, false},
       {"version v1", false, false},
+      {"empty issuerName", false, false},
       {"trailing element", false, false},
   };
   for (const auto& c : kCases) {

@@ -273,7 +273,7 @@ TEST(CertificateList, TrailingBytesAreCutByTheCaller) {
 
 // What the real lists cover thinly: an IDP with URIs and every flag, no
 // nextUpdate, a CRL number beyond 64 bits, hold and invalidityDate entries,
-// and a v1 CRL with entries.
+// reasons CRLReason does not have (read as none), and a v1 CRL with entries.
 TEST(CertificateList, MadeCrlsReadBackAsMade) {
   const time_t t0 = qt::UtcTime(2024, 3, 1, 12);
   const std::vector<std::string> uris = {"http://127.0.0.1/a.crl", "ldap://h/cn=x"};
@@ -281,7 +281,9 @@ TEST(CertificateList, MadeCrlsReadBackAsMade) {
                    .nextUpdate = std::nullopt, .forceGeneralizedTime = true,
                    .revoked = {{.serial = 1, .revocationDate = t0, .reason = 6},
                                {.serial = 2, .revocationDate = t0, .reason = 1,
-                                .invalidityDate = t0 - 86400}},
+                                .invalidityDate = t0 - 86400},
+                               {.serial = 3, .revocationDate = t0, .reason = 7},
+                               {.serial = 4, .revocationDate = t0, .reason = 11}},
                    .crlNumber = qt::Serial::FromHex("00AB0000000000000000000001"),
                    .issuingDistributionPoint = qt::IdpSpec{.uris = uris,
                                                            .onlyContainsCaCerts = true,
@@ -299,6 +301,11 @@ TEST(CertificateList, MadeCrlsReadBackAsMade) {
   EXPECT_EQ(hold.revocationDate.tag(), X500Time::kGeneralizedTime);
   EXPECT_EQ(compromised.reasonCode, 1);
   EXPECT_TRUE(compromised.hasInvalidityDate && compromised.invalidityDate.seconds() == t0 - 86400);
+  for (size_t i : {2, 3}) {
+    CRLEntry unknown_reason;
+    ASSERT_TRUE(crl.entry(i, &unknown_reason)) << i;
+    EXPECT_EQ(unknown_reason.reasonCode, -1) << i;
+  }
   IssuingDistributionPoint idp;
   ASSERT_TRUE(crl.issuingDistributionPoint(&idp));
   EXPECT_EQ(idp.distributionPoint.uris(), uris);

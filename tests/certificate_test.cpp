@@ -108,8 +108,9 @@ TEST(Certificate, BerInputKeepsReceivedSignedBytes) {
 }
 
 // Extensions PKITS does not carry: distribution points with URIs and a
-// directory name, authority information access, extended key usage, and the
-// key identifiers linking a certificate to its issuer.
+// directory name, reasons whose unused-bits octet is sound or not, authority
+// information access, extended key usage, and the key identifiers linking a
+// certificate to its issuer.
 TEST(Certificate, ExtensionsReadBackAsMade) {
   const qt::Key& root_key = qt::PooledKey(qt::KeyType::kEcP256, 0);
   const qt::Key& leaf_key = qt::PooledKey(qt::KeyType::kEcP256, 1);
@@ -134,6 +135,27 @@ TEST(Certificate, ExtensionsReadBackAsMade) {
   Name dir;
   ASSERT_TRUE(dps[1].name.fullName()[0].directoryName(&dir));
   EXPECT_EQ(dir.attributeText("CN"), "CRL Dir");
+  const struct { Bytes reasons; bool reads; } kReasons[] = {
+      {{0x05, 0x60}, true},   // keyCompromise, cACompromise
+      {{0x08, 0x60}, false},  // eight unused bits
+      {{0x01}, false},        // unused bits but no octet of bits
+  };
+  for (const auto& r : kReasons) {
+    Bytes value = {0x81, static_cast<uint8_t>(r.reasons.size())};  // [1] ReasonFlags
+    value.insert(value.end(), r.reasons.begin(), r.reasons.end());
+    for (int level = 0; level < 2; ++level) {  // DistributionPoint, then the SEQUENCE OF
+      value.insert(value.begin(), {0x30, static_cast<uint8_t>(value.size())});
+    }
+    qt::CertSpec with_reasons = made;
+    with_reasons.crlDistributionPoints.clear();
+    with_reasons.extraExtensions = {{"2.5.29.31", false, value}};
+    std::vector<DistributionPoint> read;
+    ASSERT_EQ(Decode(qt::Der(qt::MakeCert(with_reasons).get())).crlDistributionPoints(&read),
+              r.reads);
+    if (r.reads) {
+      EXPECT_EQ(read.at(0).reasons, 0x6u);
+    }
+  }
   std::vector<std::string> ocsp;
   ASSERT_TRUE(c.authorityInfoAccess("1.3.6.1.5.5.7.48.1", &ocsp));
   EXPECT_EQ(ocsp, std::vector<std::string>{"http://127.0.0.1:8080/ocsp"});
@@ -147,6 +169,7 @@ TEST(Certificate, ExtensionsReadBackAsMade) {
   ASSERT_TRUE(Decode(qt::Der(root.get())).subjectKeyIdentifier(&ski));
   ASSERT_TRUE(c.authorityKeyIdentifier(&aki));
   EXPECT_EQ(aki.keyIdentifier(), ski);
+  EXPECT_FALSE(c.authorityKeyIdentifier(nullptr));
 }
 
 // Cuts, a byte after the certificate, the wrong outer tag and a repeated

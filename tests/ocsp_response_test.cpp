@@ -311,7 +311,7 @@ TEST(OcspResponse, MalformedBasicResponsesFail) {
       {"version v2", false},
       {"responderID [3]", false},
       {"certStatus [3]", false},
-      {"reason 7", false},
+      {"reason 7", true},  // outside CRLReason: revoked, no reason
       {"nextUpdate implicit", false},
       {"trailing element in ResponseData", false},
   };
@@ -320,6 +320,9 @@ TEST(OcspResponse, MalformedBasicResponsesFail) {
     BasicOCSPResponse b;
     EXPECT_EQ(b.decode(der.data(), der.size()), decodes) << variant;
     EXPECT_EQ(b.encode().empty(), !decodes) << variant;
+    if (std::string(variant) == "reason 7") {
+      EXPECT_EQ(b.responses()[0].revocationReason, -1);
+    }
     if (std::string(variant) == "reason 1") {
       EXPECT_EQ(b.responses()[0].revocationReason, 1);
       EXPECT_EQ(b.responses()[0].revocationTime.seconds(), 1600000000);

@@ -23,7 +23,8 @@
 struct QUILLON32_API CRLEntry {
   BigInteger serialNumber;
   X500Time revocationDate;
-  // CRLReason ("2.5.29.21"), -1 when the entry has none.
+  // CRLReason ("2.5.29.21"), -1 when the entry has none or one outside
+  // the enumeration.
   int reasonCode = -1;
   // invalidityDate ("2.5.29.24").
   bool hasInvalidityDate = false;

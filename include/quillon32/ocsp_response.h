@@ -48,7 +48,8 @@ struct QUILLON32_API OCSPSingleResponse {
 
   OCSPCertID certID;
   CertStatus certStatus = kGood;
-  // For kRevoked: revocationTime, and the CRLReason (-1 when none is given).
+  // For kRevoked: revocationTime, and the CRLReason (-1 when none is given
+  // or it lies outside the enumeration).
   X500Time revocationTime;
   int revocationReason = -1;
   X500Time thisUpdate;

@@ -75,8 +75,10 @@ struct AttributeCertificate::Impl {
   // V2Form ::= SEQUENCE { issuerName GeneralNames OPTIONAL,
   //   baseCertificateID [0] IssuerSerial OPTIONAL,
   //   objectDigestInfo [1] ObjectDigestInfo OPTIONAL }
+  // GeneralNames ::= SEQUENCE SIZE (1..MAX) OF GeneralName
   // The issuer is the first directoryName of the issuer names; an issuer
-  // named only by certificate reference has none.
+  // named only by certificate reference has none. An empty list of names is
+  // malformed, not an issuer without a name.
   bool ParseIssuer(Parser* p) {
     Input value;
     if (!p->PeekTag(&tag_)) return false;
@@ -96,6 +98,7 @@ struct AttributeCertificate::Impl {
     }
     issuer_raw = Input();
     if (!has_names) return true;
+    if (names.empty()) return false;
     Parser gn(names);
     while (gn.HasMore()) {
       Input name_value;

@@ -310,7 +310,7 @@ const Extension* Certificate::extension(const char* oid) const {
 
 bool Certificate::authorityKeyIdentifier(AuthorityKeyIdentifier* out) const {
   const Extension* e = extension("2.5.29.35");
-  return e && out->decode(e->value.data(), e->value.size());
+  return e && out && out->decode(e->value.data(), e->value.size());
 }
 
 // SubjectKeyIdentifier ::= KeyIdentifier ::= OCTET STRING
@@ -399,7 +399,7 @@ bool Certificate::basicConstraints(bool* ca, int* pathLength) const {
 //   reasons [1] ReasonFlags OPTIONAL, cRLIssuer [2] GeneralNames OPTIONAL }
 bool Certificate::crlDistributionPoints(std::vector<DistributionPoint>* out) const {
   const Extension* e = extension("2.5.29.31");
-  if (!e) return false;
+  if (!e || !out) return false;
   Parser outer{Input(e->value)};
   Parser seq;
   if (!outer.ReadSequence(&seq) || outer.HasMore() || !seq.HasMore()) return false;
@@ -422,6 +422,9 @@ bool Certificate::crlDistributionPoints(std::vector<DistributionPoint>* out) con
     bool present = false;
     if (!dp.ReadOptional(der::ContextSpecific(1), &value, &present)) return false;
     if (present) {
+      // ReasonFlags ::= BIT STRING, implicitly tagged: the unused-bits octet
+      // first, at most 7, and 0 when no octet of bits follows.
+      if (value.empty() || value[0] > 7 || (value.size() == 1 && value[0] != 0)) return false;
       point.hasReasons = true;
       for (size_t i = 1; i < value.size() && i < 3; ++i) {
         for (int b = 0; b < 8; ++b) {

@@ -625,7 +625,11 @@ size_t CertificateList::entryCount() const { return impl_ ? impl_->EntryCount() 
 
 // Entry ::= SEQUENCE { userCertificate CertificateSerialNumber,
 //   revocationDate Time, crlEntryExtensions Extensions OPTIONAL }
-// CRLReason ::= ENUMERATED; InvalidityDate ::= GeneralizedTime (UTCTime read too).
+// CRLReason ::= ENUMERATED { unspecified (0), keyCompromise (1),
+//   cACompromise (2), affiliationChanged (3), superseded (4),
+//   cessationOfOperation (5), certificateHold (6), -- value 7 is not used
+//   removeFromCRL (8), privilegeWithdrawn (9), aACompromise (10) }
+// InvalidityDate ::= GeneralizedTime (UTCTime read too).
 bool CertificateList::entry(size_t index, CRLEntry* out) const {
   if (!impl_ || !out || index >= impl_->EntryCount()) return false;
   try {
@@ -647,9 +651,12 @@ bool CertificateList::entry(size_t index, CRLEntry* out) const {
       // Values are read leniently: a non-minimal ENUMERATED still says what it means.
       Parser value(Input(x.value), der::Mode::kBer);
       if (x.oid == "2.5.29.21") {
+        // The entry is revoked whatever its reason says: a value that is none
+        // of the above (7, or above 10) names no reason, and the entry reads
+        // as one without a reason rather than failing.
         uint64_t reason = 0;
-        if (!value.ReadEnumerated(&reason) || value.HasMore() || reason > 0x7FFFFFFF) return false;
-        e.reasonCode = static_cast<int>(reason);
+        if (!value.ReadEnumerated(&reason) || value.HasMore()) return false;
+        e.reasonCode = reason <= 10 && reason != 7 ? static_cast<int>(reason) : -1;
       } else if (x.oid == "2.5.29.24") {
         if (!pki::ReadTime(&value, &e.invalidityDate) || value.HasMore()) return false;
         e.hasInvalidityDate = true;

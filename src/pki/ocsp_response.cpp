@@ -60,9 +60,11 @@ bool ParseCertId(Parser* p, OCSPCertID* out) {
 //   cessationOfOperation (5), certificateHold (6), -- value 7 is not used
 //   removeFromCRL (8), privilegeWithdrawn (9), aACompromise (10) }
 bool ReadReason(Parser* p, int* out) {
+  // A value outside CRLReason (7 is unused) is read as no reason: the
+  // certificate is still revoked, as a CRL entry with such a reason is.
   uint64_t v = 0;
-  if (!p->ReadEnumerated(&v) || v > 10 || v == 7) return false;
-  *out = static_cast<int>(v);
+  if (!p->ReadEnumerated(&v)) return false;
+  *out = v <= 10 && v != 7 ? static_cast<int>(v) : -1;
   return true;
 }
 

@@ -3,20 +3,18 @@
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
 #include <openssl/core_names.h>
-#include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/objects.h>
+#include <openssl/ocsp.h>
 #include <openssl/params.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
-#include <openssl/rsa.h>
 #include <openssl/sha.h>
 #include <openssl/x509v3.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstring>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -29,6 +27,8 @@
 namespace quillon::testing {
 namespace {
 
+using Bytes = std::vector<uint8_t>;
+
 [[noreturn]] void Fail(const std::string& what) {
   std::string msg = "pki_factory: " + what;
   char buf[256];
@@ -40,38 +40,32 @@ namespace {
   throw std::runtime_error(msg);
 }
 
-using Bytes = std::vector<uint8_t>;
-
-struct BioDeleter { void operator()(BIO* p) const noexcept { BIO_free(p); } };
-using BioPtr = std::unique_ptr<BIO, BioDeleter>;
-struct Asn1IntegerDeleter { void operator()(ASN1_INTEGER* p) const noexcept { ASN1_INTEGER_free(p); } };
-using Asn1IntegerPtr = std::unique_ptr<ASN1_INTEGER, Asn1IntegerDeleter>;
-struct Asn1TimeDeleter { void operator()(ASN1_TIME* p) const noexcept { ASN1_TIME_free(p); } };
-using Asn1TimePtr = std::unique_ptr<ASN1_TIME, Asn1TimeDeleter>;
-struct ExtensionDeleter { void operator()(X509_EXTENSION* p) const noexcept { X509_EXTENSION_free(p); } };
-using ExtensionPtr = std::unique_ptr<X509_EXTENSION, ExtensionDeleter>;
-struct CertIdDeleter { void operator()(OCSP_CERTID* p) const noexcept { OCSP_CERTID_free(p); } };
-using CertIdPtr = std::unique_ptr<OCSP_CERTID, CertIdDeleter>;
-
-std::string BioText(BIO* bio) {
-  char* data = nullptr;
-  long n = BIO_get_mem_data(bio, &data);
-  return std::string(data, static_cast<size_t>(n));
+// The DER of an OpenSSL object through its i2d function.
+template <typename T>
+Bytes ToDer(int (*i2d)(const T*, unsigned char**), const T* object, const char* what) {
+  unsigned char* p = nullptr;
+  const int n = i2d(object, &p);
+  if (n <= 0) Fail(what);
+  Bytes out(p, p + n);
+  OPENSSL_free(p);
+  return out;
 }
 
-// The content octets of a DER TLV (short or long length form).
-Bytes ContentOf(const Bytes& tlv) {
-  if (tlv.size() < 2) Fail("truncated TLV");
-  size_t pos = 1;
-  size_t len = tlv[pos++];
-  if (len & 0x80) {
-    size_t n = len & 0x7F;
-    len = 0;
-    for (size_t i = 0; i < n; ++i) len = (len << 8) | tlv[pos++];
-  }
-  if (pos + len > tlv.size()) Fail("truncated TLV");
-  return Bytes(tlv.begin() + static_cast<std::ptrdiff_t>(pos),
-               tlv.begin() + static_cast<std::ptrdiff_t>(pos + len));
+// An OpenSSL object read from DER through its d2i function; never null.
+template <typename T>
+T* FromDer(T* (*d2i)(T**, const unsigned char**, long), const Bytes& der, const std::string& what) {
+  const unsigned char* p = der.data();
+  T* out = d2i(nullptr, &p, static_cast<long>(der.size()));
+  if (out == nullptr) Fail(what);
+  return out;
+}
+
+// What |write| puts in a fresh writer.
+template <typename Write>
+Bytes Encode(Write&& write) {
+  DerWriter w;
+  write(w);
+  return w.Take();
 }
 
 // Dotted text of an OID given by name or dotted text.
@@ -79,30 +73,10 @@ std::string DottedOid(const std::string& nameOrOid) {
   ASN1_OBJECT* obj = OBJ_txt2obj(nameOrOid.c_str(), 0);
   if (obj == nullptr) Fail("unknown OID or name: " + nameOrOid);
   char buf[128];
-  int n = OBJ_obj2txt(buf, sizeof buf, obj, 1);
+  const int n = OBJ_obj2txt(buf, sizeof buf, obj, 1);
   ASN1_OBJECT_free(obj);
   if (n <= 0 || static_cast<size_t>(n) >= sizeof buf) Fail("OID text: " + nameOrOid);
   return std::string(buf, static_cast<size_t>(n));
-}
-
-Asn1IntegerPtr ToAsn1Integer(const Serial& serial) {
-  DerWriter w;
-  w.Integer(serial.bytes);
-  Bytes der = w.Take();
-  const unsigned char* p = der.data();
-  Asn1IntegerPtr out(d2i_ASN1_INTEGER(nullptr, &p, static_cast<long>(der.size())));
-  if (!out) Fail("serial " + Hex(serial.bytes) + " is not a minimal DER INTEGER");
-  return out;
-}
-
-Asn1TimePtr ToAsn1Time(time_t t, bool forceGeneralized) {
-  DerWriter w;
-  w.Time(t, forceGeneralized);
-  Bytes der = w.Take();
-  const unsigned char* p = der.data();
-  Asn1TimePtr out(d2i_ASN1_TIME(nullptr, &p, static_cast<long>(der.size())));
-  if (!out) Fail("time");
-  return out;
 }
 
 Serial RandomSerial() {
@@ -118,17 +92,13 @@ Serial RandomSerial() {
 std::vector<uint32_t> DecodeUtf8(const std::string& s) {
   std::vector<uint32_t> out;
   for (size_t i = 0; i < s.size();) {
-    auto c = static_cast<uint8_t>(s[i]);
-    uint32_t cp;
-    size_t n;
-    if (c < 0x80) { cp = c; n = 1; }
-    else if ((c & 0xE0) == 0xC0) { cp = c & 0x1F; n = 2; }
-    else if ((c & 0xF0) == 0xE0) { cp = c & 0x0F; n = 3; }
-    else if ((c & 0xF8) == 0xF0) { cp = c & 0x07; n = 4; }
-    else Fail("invalid UTF-8 in name value");
-    if (i + n > s.size()) Fail("truncated UTF-8 in name value");
+    const auto c = static_cast<uint8_t>(s[i]);
+    const size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3
+                                  : (c & 0xF8) == 0xF0 ? 4 : 0;
+    if (n == 0 || i + n > s.size()) Fail("invalid UTF-8 in name value");
+    uint32_t cp = n == 1 ? c : c & (0x7F >> n);
     for (size_t k = 1; k < n; ++k) {
-      auto cc = static_cast<uint8_t>(s[i + k]);
+      const auto cc = static_cast<uint8_t>(s[i + k]);
       if ((cc & 0xC0) != 0x80) Fail("invalid UTF-8 in name value");
       cp = (cp << 6) | (cc & 0x3F);
     }
@@ -138,43 +108,38 @@ std::vector<uint32_t> DecodeUtf8(const std::string& s) {
   return out;
 }
 
-void WriteAttrValue(DerWriter& w, const std::string& dottedType, const Attr& a) {
-  StrType t = a.strType;
-  if (t == StrType::kDefault) {
-    if (dottedType == "2.5.4.6" || dottedType == "2.5.4.5" || dottedType == "2.5.4.46")
-      t = StrType::kPrintable;
-    else if (dottedType == "1.2.840.113549.1.9.1" || dottedType == "0.9.2342.19200300.100.1.25")
-      t = StrType::kIa5;
-    else
-      t = StrType::kUtf8;
+// The code points of |s|, each as |width| big-endian octets.
+Bytes WideString(const std::string& s, int width) {
+  Bytes v;
+  for (uint32_t cp : DecodeUtf8(s)) {
+    if (width == 2 && cp > 0xFFFF) Fail("code point outside the BMP in a BMPString");
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+      v.push_back(static_cast<uint8_t>(cp >> shift));
   }
-  switch (t) {
+  return v;
+}
+
+void WriteAttrValue(DerWriter& w, const std::string& dottedType, const Attr& a) {
+  switch (a.strType) {
     case StrType::kDefault:
-    case StrType::kUtf8: w.Tlv(der::kUtf8String, a.value); break;
-    case StrType::kPrintable: w.Tlv(der::kPrintableString, a.value); break;
-    case StrType::kIa5: w.Tlv(der::kIa5String, a.value); break;
+      if (dottedType == "2.5.4.6" || dottedType == "2.5.4.5" || dottedType == "2.5.4.46")
+        w.Tlv(der::kPrintableString, a.value);
+      else if (dottedType == "1.2.840.113549.1.9.1" || dottedType == "0.9.2342.19200300.100.1.25")
+        w.Tlv(der::kIa5String, a.value);
+      else
+        w.Tlv(der::kUtf8String, a.value);
+      break;
     case StrType::kT61: w.Tlv(der::kT61String, a.value); break;
-    case StrType::kBmp: {
-      Bytes v;
-      for (uint32_t cp : DecodeUtf8(a.value)) {
-        if (cp > 0xFFFF) Fail("code point outside the BMP in a BMPString");
-        v.push_back(static_cast<uint8_t>(cp >> 8));
-        v.push_back(static_cast<uint8_t>(cp));
-      }
-      w.Tlv(der::kBmpString, v);
-      break;
-    }
-    case StrType::kUniversal: {
-      Bytes v;
-      for (uint32_t cp : DecodeUtf8(a.value))
-        for (int sh = 24; sh >= 0; sh -= 8) v.push_back(static_cast<uint8_t>(cp >> sh));
-      w.Tlv(der::kUniversalString, v);
-      break;
-    }
+    case StrType::kBmp: w.Tlv(der::kBmpString, WideString(a.value, 2)); break;
+    case StrType::kUniversal: w.Tlv(der::kUniversalString, WideString(a.value, 4)); break;
   }
 }
 
+Bytes NameDerOf(const X509_NAME* name) { return ToDer(i2d_X509_NAME, name, "i2d_X509_NAME"); }
+
 // --- Extension values --------------------------------------------------------
+
+constexpr const char* kOidInvalidityDate = "2.5.29.24";
 
 void WriteExtension(DerWriter& w, const std::string& dottedOid, bool critical, const Bytes& value) {
   w.Begin(der::kSequence);
@@ -184,233 +149,42 @@ void WriteExtension(DerWriter& w, const std::string& dottedOid, bool critical, c
   w.End();
 }
 
-void WriteGeneralNameUri(DerWriter& w, const std::string& uri) { w.Tlv(der::Ctx(6), uri); }
-
-void WriteGeneralNameDirName(DerWriter& w, const NameSpec& name) {
-  w.Begin(der::CtxCons(4));  // directoryName [4] Name (explicit: Name is a CHOICE)
-  w.Raw(NameDer(name));
-  w.End();
-}
-
-Bytes KeyUsageValue(const KeyUsageSpec& ku) {
-  DerWriter w;
-  w.NamedBits(ku.bits);
-  return w.Take();
-}
-
-// BasicConstraints ::= SEQUENCE { cA BOOLEAN DEFAULT FALSE,
-//                                 pathLenConstraint INTEGER (0..MAX) OPTIONAL }
-Bytes BasicConstraintsValue(const BasicConstraintsSpec& bc) {
-  DerWriter w;
-  w.Begin(der::kSequence);
-  if (bc.ca) w.Boolean(true);
-  if (bc.pathLen) w.Integer(*bc.pathLen);
-  w.End();
-  return w.Take();
-}
-
-Bytes OctetStringValue(const Bytes& b) {
-  DerWriter w;
-  w.OctetString(b);
-  return w.Take();
-}
-
-// AuthorityKeyIdentifier ::= SEQUENCE {
-//   keyIdentifier             [0] KeyIdentifier           OPTIONAL,
-//   authorityCertIssuer       [1] GeneralNames            OPTIONAL,
-//   authorityCertSerialNumber [2] CertificateSerialNumber OPTIONAL }
-Bytes AkiValue(const Bytes* keyId, const Bytes* issuerNameDer, const Serial* serial) {
-  DerWriter w;
-  w.Begin(der::kSequence);
-  if (keyId) w.Tlv(der::Ctx(0), *keyId);
-  if (issuerNameDer) {
-    w.Begin(der::CtxCons(1));
-    w.Begin(der::CtxCons(4));
-    w.Raw(*issuerNameDer);
-    w.End();
+// DistributionPointName fullName [0] of URIs and directory names, inside the
+// explicit [0] of the field that holds it.
+void WriteFullName(DerWriter& w, const std::vector<std::string>& uris,
+                   const std::vector<NameSpec>& directoryNames = {}) {
+  w.Begin(der::CtxCons(0));
+  w.Begin(der::CtxCons(0));
+  for (const auto& uri : uris) w.Tlv(der::Ctx(6), uri);
+  for (const auto& dn : directoryNames) {
+    w.Begin(der::CtxCons(4));  // directoryName [4] Name (explicit: Name is a CHOICE)
+    w.Raw(NameDer(dn));
     w.End();
   }
-  if (serial) w.Tlv(der::Ctx(2), serial->bytes);
   w.End();
-  return w.Take();
+  w.End();
 }
 
-// DistributionPoint ::= SEQUENCE {
-//   distributionPoint [0] DistributionPointName OPTIONAL,
-//   reasons           [1] ReasonFlags OPTIONAL,
-//   cRLIssuer         [2] GeneralNames OPTIONAL }
-// DistributionPointName ::= CHOICE {
-//   fullName                [0] GeneralNames,
-//   nameRelativeToCRLIssuer [1] RelativeDistinguishedName }
-Bytes CrlDpValue(const std::vector<DistPointSpec>& points) {
-  DerWriter w;
-  w.Begin(der::kSequence);
-  for (const auto& dp : points) {
+// AuthorityKeyIdentifier ::= SEQUENCE { keyIdentifier [0] KeyIdentifier, ... }
+Bytes AkiValue(const Bytes& keyId) {
+  return Encode([&](DerWriter& w) {
     w.Begin(der::kSequence);
-    if (dp.relativeName) {
-      w.Begin(der::CtxCons(0));
-      NameSpec one{*dp.relativeName};
-      Bytes nameDer = NameDer(one);
-      // nameDer is SEQUENCE { SET {...} }; [1] IMPLICIT replaces the SET tag.
-      Bytes setTlv = ContentOf(nameDer);
-      Bytes setContent = ContentOf(setTlv);
-      w.Tlv(der::CtxCons(1), setContent);
-      w.End();
-    } else if (!dp.uris.empty() || !dp.directoryNames.empty()) {
-      w.Begin(der::CtxCons(0));
-      w.Begin(der::CtxCons(0));
-      for (const auto& uri : dp.uris) WriteGeneralNameUri(w, uri);
-      for (const auto& dn : dp.directoryNames) WriteGeneralNameDirName(w, dn);
-      w.End();
-      w.End();
-    }
-    if (!dp.reasons.empty()) w.NamedBits(dp.reasons, der::Ctx(1));
-    if (!dp.crlIssuer.empty()) {
-      w.Begin(der::CtxCons(2));
-      for (const auto& dn : dp.crlIssuer) WriteGeneralNameDirName(w, dn);
-      w.End();
-    }
+    w.Tlv(der::Ctx(0), keyId);
     w.End();
-  }
-  w.End();
-  return w.Take();
-}
-
-// AuthorityInfoAccessSyntax ::= SEQUENCE OF AccessDescription
-// AccessDescription ::= SEQUENCE { accessMethod OID, accessLocation GeneralName }
-Bytes AiaValue(const std::vector<std::string>& ocsp, const std::vector<std::string>& caIssuers) {
-  DerWriter w;
-  w.Begin(der::kSequence);
-  for (const auto& uri : ocsp) {
-    w.Begin(der::kSequence);
-    w.Oid("1.3.6.1.5.5.7.48.1");
-    WriteGeneralNameUri(w, uri);
-    w.End();
-  }
-  for (const auto& uri : caIssuers) {
-    w.Begin(der::kSequence);
-    w.Oid("1.3.6.1.5.5.7.48.2");
-    WriteGeneralNameUri(w, uri);
-    w.End();
-  }
-  w.End();
-  return w.Take();
-}
-
-Bytes EkuValue(const std::vector<std::string>& purposes) {
-  DerWriter w;
-  w.Begin(der::kSequence);
-  for (const auto& p : purposes) w.Oid(DottedOid(p));
-  w.End();
-  return w.Take();
-}
-
-// IssuingDistributionPoint ::= SEQUENCE {
-//   distributionPoint          [0] DistributionPointName OPTIONAL,
-//   onlyContainsUserCerts      [1] BOOLEAN DEFAULT FALSE,
-//   onlyContainsCACerts        [2] BOOLEAN DEFAULT FALSE,
-//   onlySomeReasons            [3] ReasonFlags OPTIONAL,
-//   indirectCRL                [4] BOOLEAN DEFAULT FALSE,
-//   onlyContainsAttributeCerts [5] BOOLEAN DEFAULT FALSE }
-Bytes IdpValue(const IdpSpec& idp) {
-  static const uint8_t kTrue = 0xFF;
-  DerWriter w;
-  w.Begin(der::kSequence);
-  if (!idp.uris.empty()) {
-    w.Begin(der::CtxCons(0));
-    w.Begin(der::CtxCons(0));
-    for (const auto& uri : idp.uris) WriteGeneralNameUri(w, uri);
-    w.End();
-    w.End();
-  }
-  if (idp.onlyContainsUserCerts) w.Tlv(der::Ctx(1), std::span<const uint8_t>(&kTrue, 1));
-  if (idp.onlyContainsCaCerts) w.Tlv(der::Ctx(2), std::span<const uint8_t>(&kTrue, 1));
-  if (!idp.onlySomeReasons.empty()) w.NamedBits(idp.onlySomeReasons, der::Ctx(3));
-  if (idp.indirectCrl) w.Tlv(der::Ctx(4), std::span<const uint8_t>(&kTrue, 1));
-  if (idp.onlyContainsAttributeCerts) w.Tlv(der::Ctx(5), std::span<const uint8_t>(&kTrue, 1));
-  w.End();
-  return w.Take();
+  });
 }
 
 Bytes GeneralizedTimeValue(time_t t) {
-  DerWriter w;
-  w.GeneralizedTime(t);
-  return w.Take();
-}
-
-Bytes EnumeratedValue(int v) {
-  DerWriter w;
-  w.Enumerated(v);
-  return w.Take();
-}
-
-Bytes IntegerValue(const Serial& s) {
-  DerWriter w;
-  w.Integer(s.bytes);
-  return w.Take();
-}
-
-ExtensionPtr MakeExtension(const std::string& oid, bool critical, const Bytes& value) {
-  ASN1_OBJECT* obj = OBJ_txt2obj(DottedOid(oid).c_str(), 1);
-  ASN1_OCTET_STRING* os = ASN1_OCTET_STRING_new();
-  if (obj == nullptr || os == nullptr ||
-      !ASN1_OCTET_STRING_set(os, value.data(), static_cast<int>(value.size()))) {
-    ASN1_OBJECT_free(obj);
-    ASN1_OCTET_STRING_free(os);
-    Fail("extension " + oid);
-  }
-  ExtensionPtr ext(X509_EXTENSION_create_by_OBJ(nullptr, obj, critical ? 1 : 0, os));
-  ASN1_OBJECT_free(obj);
-  ASN1_OCTET_STRING_free(os);
-  if (!ext) Fail("extension " + oid);
-  return ext;
-}
-
-void AddCertExtension(X509* x, const std::string& oid, bool critical, const Bytes& value) {
-  ExtensionPtr ext = MakeExtension(oid, critical, value);
-  if (!X509_add_ext(x, ext.get(), -1)) Fail("X509_add_ext " + oid);
-}
-
-// The subjectKeyIdentifier of a certificate, or the identifier of its key.
-Bytes CertKeyId(const X509* cert) {
-  auto* ski = static_cast<ASN1_OCTET_STRING*>(
-      X509_get_ext_d2i(cert, NID_subject_key_identifier, nullptr, nullptr));
-  if (ski != nullptr) {
-    Bytes out(ASN1_STRING_get0_data(ski), ASN1_STRING_get0_data(ski) + ASN1_STRING_length(ski));
-    ASN1_OCTET_STRING_free(ski);
-    return out;
-  }
-  const ASN1_BIT_STRING* bits = X509_get0_pubkey_bitstr(cert);
-  if (bits == nullptr) Fail("certificate without key");
-  Bytes out(SHA_DIGEST_LENGTH);
-  SHA1(ASN1_STRING_get0_data(bits), static_cast<size_t>(ASN1_STRING_length(bits)), out.data());
-  return out;
-}
-
-Bytes NameDerOf(const X509_NAME* name) {
-  unsigned char* p = nullptr;
-  int n = i2d_X509_NAME(name, &p);
-  if (n <= 0) Fail("i2d_X509_NAME");
-  Bytes out(p, p + n);
-  OPENSSL_free(p);
-  return out;
+  return Encode([&](DerWriter& w) { w.GeneralizedTime(t); });
 }
 
 // --- Signing -----------------------------------------------------------------
 
-EvpMdCtxPtr InitSign(const Key& key, Digest digest, bool rsaPss) {
+EvpMdCtxPtr InitSign(const Key& key) {
   if (!key) Fail("no signing key");
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-  EVP_PKEY_CTX* pctx = nullptr;
-  if (!ctx || EVP_DigestSignInit(ctx.get(), &pctx, DigestMd(digest), nullptr, key.get()) != 1)
+  if (!ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1)
     Fail("EVP_DigestSignInit");
-  if (rsaPss) {
-    if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) Fail("RSA-PSS needs an RSA key");
-    if (EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) <= 0 ||
-        EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, RSA_PSS_SALTLEN_DIGEST) <= 0 ||
-        EVP_PKEY_CTX_set_rsa_mgf1_md(pctx, DigestMd(digest)) <= 0)
-      Fail("RSA-PSS parameters");
-  }
   return ctx;
 }
 
@@ -425,27 +199,24 @@ Bytes AlgorithmIdOf(EVP_MD_CTX* ctx) {
   return Bytes(buf, buf + params[0].return_size);
 }
 
-Bytes SignBytes(EVP_MD_CTX* ctx, const uint8_t* data, size_t n) {
-  size_t len = 0;
-  if (EVP_DigestSign(ctx, nullptr, &len, data, n) != 1) Fail("EVP_DigestSign");
-  Bytes sig(len);
-  if (EVP_DigestSign(ctx, sig.data(), &len, data, n) != 1) Fail("EVP_DigestSign");
-  sig.resize(len);
-  return sig;
-}
-
-// Writes SEQUENCE { tbs, algId, BIT STRING sig } where writeTbs writes the
-// TBS contents (inside its SEQUENCE) and the TBS is signed in place.
+// SEQUENCE { tbs, signatureAlgorithm, signature }: |writeTbs| writes the
+// whole TBS element, given the AlgorithmIdentifier, and it is signed in place.
 template <typename WriteTbs>
-Bytes BuildSigned(EVP_MD_CTX* ctx, const Bytes& algId, size_t reserve, WriteTbs&& writeTbs) {
+Bytes Signed(const Key& key, size_t reserve, WriteTbs&& writeTbs) {
+  EvpMdCtxPtr ctx = InitSign(key);
+  const Bytes algId = AlgorithmIdOf(ctx.get());
   DerWriter w;
-  w.Reserve(reserve);
+  w.Reserve(reserve + 1024);
   w.Begin(der::kSequence);
-  const size_t tbsStart = w.size();
-  w.Begin(der::kSequence);
-  writeTbs(w);
-  w.End();
-  Bytes sig = SignBytes(ctx, w.bytes().data() + tbsStart, w.size() - tbsStart);
+  const size_t start = w.size();
+  writeTbs(w, algId);
+  size_t len = 0;
+  const uint8_t* tbs = w.bytes().data() + start;
+  if (EVP_DigestSign(ctx.get(), nullptr, &len, tbs, w.size() - start) != 1) Fail("EVP_DigestSign");
+  Bytes sig(len);
+  if (EVP_DigestSign(ctx.get(), sig.data(), &len, tbs, w.size() - start) != 1)
+    Fail("EVP_DigestSign");
+  sig.resize(len);
   w.Raw(algId);
   w.BitString(sig);
   w.End();
@@ -453,16 +224,6 @@ Bytes BuildSigned(EVP_MD_CTX* ctx, const Bytes& algId, size_t reserve, WriteTbs&
 }
 
 // --- CRL encoding ------------------------------------------------------------
-
-// The parts of a TBSCertList other than the entries.
-struct CrlFrame {
-  Bytes issuerDer;
-  int version = 2;
-  time_t thisUpdate = 0;
-  std::optional<time_t> nextUpdate;
-  bool forceGeneralizedTime = false;
-  Bytes extensionsDer;  // Extensions SEQUENCE; empty: no [0]
-};
 
 // TBSCertList ::= SEQUENCE {
 //   version             Version OPTIONAL,  -- if present, MUST be v2
@@ -475,28 +236,81 @@ struct CrlFrame {
 //       revocationDate     Time,
 //       crlEntryExtensions Extensions OPTIONAL } OPTIONAL,
 //   crlExtensions       [0] EXPLICIT Extensions OPTIONAL }
+// The frame comes from |s| (its entries are not read); |writeEntries| writes
+// |entryCount| entries.
 template <typename WriteEntries>
-Bytes BuildCrl(const CrlFrame& f, const Key& signKey, Digest digest, bool rsaPss,
-               size_t entryCount, size_t reserve, WriteEntries&& writeEntries) {
-  EvpMdCtxPtr ctx = InitSign(signKey, digest, rsaPss);
-  Bytes algId = AlgorithmIdOf(ctx.get());
-  return BuildSigned(ctx.get(), algId, reserve + 1024, [&](DerWriter& w) {
-    if (f.version >= 2) w.Integer(f.version - 1);
+Bytes BuildCrl(const CrlSpec& s, const Bytes& issuer, size_t entryCount, size_t reserve,
+               WriteEntries&& writeEntries) {
+  if (s.version != 1 && s.version != 2) Fail("CrlSpec.version must be 1 or 2");
+  return Signed(s.signingKey, reserve, [&](DerWriter& w, const Bytes& algId) {
+    w.Begin(der::kSequence);
+    if (s.version == 2) w.Integer(1);
     w.Raw(algId);
-    w.Raw(f.issuerDer);
-    w.Time(f.thisUpdate, f.forceGeneralizedTime);
-    if (f.nextUpdate) w.Time(*f.nextUpdate, f.forceGeneralizedTime);
+    w.Raw(issuer);
+    w.Time(s.thisUpdate, s.forceGeneralizedTime);
+    if (s.nextUpdate) w.Time(*s.nextUpdate, s.forceGeneralizedTime);
     if (entryCount > 0) {
       w.Begin(der::kSequence);
       writeEntries(w);
       w.End();
     }
-    if (!f.extensionsDer.empty()) {
+    if (s.version == 2) {
       w.Begin(der::CtxCons(0));
-      w.Raw(f.extensionsDer);
+      w.Begin(der::kSequence);
+      WriteExtension(w, "2.5.29.35", false, AkiValue(KeyIdentifier(s.signingKey)));
+      if (s.crlNumber)
+        WriteExtension(w, "2.5.29.20", false,
+                       Encode([&](DerWriter& v) { v.Integer(s.crlNumber->bytes); }));
+      if (const auto& idp = s.issuingDistributionPoint) {
+        // IssuingDistributionPoint ::= SEQUENCE { distributionPoint [0] OPTIONAL,
+        //   onlyContainsUserCerts [1], onlyContainsCACerts [2], onlySomeReasons [3],
+        //   indirectCRL [4], onlyContainsAttributeCerts [5] }
+        static const uint8_t kTrue[] = {0xFF};
+        WriteExtension(w, "2.5.29.28", true, Encode([&](DerWriter& v) {
+                         v.Begin(der::kSequence);
+                         if (!idp->uris.empty()) WriteFullName(v, idp->uris);
+                         if (idp->onlyContainsCaCerts) v.Tlv(der::Ctx(2), kTrue);
+                         if (!idp->onlySomeReasons.empty())
+                           v.NamedBits(idp->onlySomeReasons, der::Ctx(3));
+                         if (idp->indirectCrl) v.Tlv(der::Ctx(4), kTrue);
+                         v.End();
+                       }));
+      }
+      w.End();
       w.End();
     }
+    w.End();
   });
+}
+
+// The crlEntryExtensions of an entry whose only extension is a reasonCode, by
+// reason code.
+using ReasonOnlyExtensions = std::array<Bytes, 11>;
+
+Bytes EntryExtensions(std::optional<int> reason, std::optional<time_t> invalidityDate) {
+  return Encode([&](DerWriter& w) {
+    w.Begin(der::kSequence);
+    if (reason)
+      WriteExtension(w, "2.5.29.21", false, Encode([&](DerWriter& v) { v.Enumerated(*reason); }));
+    if (invalidityDate)
+      WriteExtension(w, kOidInvalidityDate, false, GeneralizedTimeValue(*invalidityDate));
+    w.End();
+  });
+}
+
+// One revokedCertificates entry. A reason-only entry takes its extensions
+// from |cached| when given: million-entry lists encode them once.
+void WriteEntry(DerWriter& w, const Bytes& serial, time_t date, bool generalized,
+                std::optional<int> reason, std::optional<time_t> invalidityDate,
+                const ReasonOnlyExtensions* cached = nullptr) {
+  w.Begin(der::kSequence);
+  w.Integer(serial);
+  w.Time(date, generalized);
+  if (reason && !invalidityDate && cached)
+    w.Raw(cached->at(static_cast<size_t>(*reason)));
+  else if (reason || invalidityDate)
+    w.Raw(EntryExtensions(reason, invalidityDate));
+  w.End();
 }
 
 // splitmix64's finaliser: a bijection of 64-bit values.
@@ -509,41 +323,32 @@ uint64_t Mix64(uint64_t x) {
   return x;
 }
 
-uint64_t LargeCrlPrefix(uint64_t seed) { return Mix64(seed ^ 0x5175696C6C6F6E32ULL); }
-
-Serial LargeSerial(uint64_t prefix, uint64_t low, bool absent) {
+// The serial of entry or absent serial |k|: a prefix from the seed, then a
+// 64-bit mix of |k|. Listed serials have the top bit of octet 1 clear,
+// absent ones set.
+Serial LargeSerial(size_t k, uint64_t seed, bool absent) {
+  const uint64_t prefix = Mix64(seed ^ 0x5175696C6C6F6E32ULL);
+  const uint64_t low = Mix64(static_cast<uint64_t>(k) + prefix);
   Bytes b(16);
   for (int i = 0; i < 8; ++i) {
     b[static_cast<size_t>(i)] = static_cast<uint8_t>(prefix >> (56 - 8 * i));
     b[static_cast<size_t>(8 + i)] = static_cast<uint8_t>(low >> (56 - 8 * i));
   }
   b[0] = static_cast<uint8_t>((b[0] & 0x3F) | 0x40);  // positive, minimal
-  // Present serials have the top bit of byte 1 clear, absent ones set.
   b[1] = absent ? static_cast<uint8_t>(b[1] | 0x80) : static_cast<uint8_t>(b[1] & 0x7F);
   return Serial::FromBytes(std::move(b));
 }
 
-constexpr int kLargeCrlReasons[] = {kReasonKeyCompromise,   kReasonSuperseded,
-                                    kReasonCessationOfOperation, kReasonAffiliationChanged,
-                                    kReasonCertificateHold, kReasonPrivilegeWithdrawn};
+// keyCompromise, superseded, cessationOfOperation, affiliationChanged,
+// certificateHold, privilegeWithdrawn.
+constexpr int kLargeCrlReasons[] = {1, 4, 5, 3, 6, 9};
 
 }  // namespace
 
 // ---------------------------------------------------------------------------
 // Keys.
 
-const char* KeyTypeName(KeyType type) {
-  switch (type) {
-    case KeyType::kRsa2048: return "RSA2048";
-    case KeyType::kEcP256: return "P256";
-    case KeyType::kEcP384: return "P384";
-    case KeyType::kEcP521: return "P521";
-    case KeyType::kBrainpoolP256r1: return "BrainpoolP256r1";
-  }
-  return "?";
-}
-
-Key::Key(const Key& other) : type_(other.type_) {
+Key::Key(const Key& other) {
   if (other.pkey_) {
     EVP_PKEY_up_ref(other.pkey_.get());
     pkey_.reset(other.pkey_.get());
@@ -558,64 +363,30 @@ Key& Key::operator=(const Key& other) {
   return *this;
 }
 
-Key FreshKey(KeyType type) {
-  EVP_PKEY* p = nullptr;
-  switch (type) {
-    case KeyType::kRsa2048: p = EVP_RSA_gen(2048); break;
-    case KeyType::kEcP256: p = EVP_EC_gen("P-256"); break;
-    case KeyType::kEcP384: p = EVP_EC_gen("P-384"); break;
-    case KeyType::kEcP521: p = EVP_EC_gen("P-521"); break;
-    case KeyType::kBrainpoolP256r1: p = EVP_EC_gen("brainpoolP256r1"); break;
-  }
-  if (p == nullptr) Fail(std::string("key generation ") + KeyTypeName(type));
-  return Key(EvpPkeyPtr(p), type);
+Key MakeKey(KeyType type) {
+  EVP_PKEY* p = type == KeyType::kRsa2048 ? EVP_RSA_gen(2048) : EVP_EC_gen("P-256");
+  if (p == nullptr) Fail("key generation");
+  return Key(EvpPkeyPtr(p));
 }
 
 const Key& PooledKey(KeyType type, int slot) {
   static std::mutex mu;
-  static std::map<std::pair<int, int>, std::unique_ptr<Key>> pool;
+  static std::map<std::pair<KeyType, int>, std::unique_ptr<Key>> pool;
   std::lock_guard<std::mutex> lock(mu);
-  auto& entry = pool[{static_cast<int>(type), slot}];
-  if (!entry) entry = std::make_unique<Key>(FreshKey(type));
+  auto& entry = pool[{type, slot}];
+  if (!entry) entry = std::make_unique<Key>(MakeKey(type));
   return *entry;
 }
 
-Key MakeKey(KeyType type) {
-  if (type != KeyType::kRsa2048) return FreshKey(type);
-  static std::atomic<unsigned> next{0};
-  return PooledKey(type, static_cast<int>(next.fetch_add(1) % kRsaPoolSize));
-}
-
-std::vector<uint8_t> PublicKeyDer(const Key& key) {
-  unsigned char* p = nullptr;
-  int n = i2d_PUBKEY(key.get(), &p);
-  if (n <= 0) Fail("i2d_PUBKEY");
-  Bytes out(p, p + n);
-  OPENSSL_free(p);
-  return out;
-}
-
 std::vector<uint8_t> KeyIdentifier(const Key& key) {
-  Bytes spki = PublicKeyDer(key);
-  const unsigned char* p = spki.data();
-  X509_PUBKEY* xpk = d2i_X509_PUBKEY(nullptr, &p, static_cast<long>(spki.size()));
+  OpenSslPtr<X509_PUBKEY, X509_PUBKEY_free> spki(
+      FromDer(d2i_X509_PUBKEY, ToDer(i2d_PUBKEY, key.get(), "i2d_PUBKEY"), "X509_PUBKEY"));
   const unsigned char* bits = nullptr;
   int len = 0;
-  if (xpk == nullptr || !X509_PUBKEY_get0_param(nullptr, &bits, &len, nullptr, xpk)) {
-    X509_PUBKEY_free(xpk);
-    Fail("X509_PUBKEY");
-  }
+  if (!X509_PUBKEY_get0_param(nullptr, &bits, &len, nullptr, spki.get())) Fail("X509_PUBKEY");
   Bytes out(SHA_DIGEST_LENGTH);
   SHA1(bits, static_cast<size_t>(len), out.data());
-  X509_PUBKEY_free(xpk);
   return out;
-}
-
-std::string PrivateKeyPem(const Key& key) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  if (!PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr))
-    Fail("PEM_write_bio_PrivateKey");
-  return BioText(bio.get());
 }
 
 // ---------------------------------------------------------------------------
@@ -636,11 +407,7 @@ time_t UtcTime(int year, int month, int day, int hour, int minute, int second) {
 
 Serial::Serial(long long value) : bytes(DerWriter::IntegerContent(value)) {}
 
-Serial Serial::FromUnsigned(uint64_t value) {
-  Serial s;
-  s.bytes = DerWriter::UnsignedContent(value);
-  return s;
-}
+Serial Serial::FromUnsigned(uint64_t value) { return FromBytes(DerWriter::UnsignedContent(value)); }
 
 Serial Serial::FromBytes(std::vector<uint8_t> raw) {
   Serial s;
@@ -649,10 +416,8 @@ Serial Serial::FromBytes(std::vector<uint8_t> raw) {
 }
 
 Serial Serial::FromHex(const std::string& hexIn) {
-  std::string hex = hexIn;
-  if (hex.size() >= 2 && hex[0] == '0' && (hex[1] == 'x' || hex[1] == 'X')) hex.erase(0, 2);
-  if (hex.size() % 2) hex.insert(hex.begin(), '0');
-  auto nib = [&](char c) -> uint8_t {
+  const std::string hex = hexIn.size() % 2 ? "0" + hexIn : hexIn;
+  const auto nibble = [&](char c) -> uint8_t {
     if (c >= '0' && c <= '9') return static_cast<uint8_t>(c - '0');
     if (c >= 'a' && c <= 'f') return static_cast<uint8_t>(c - 'a' + 10);
     if (c >= 'A' && c <= 'F') return static_cast<uint8_t>(c - 'A' + 10);
@@ -660,7 +425,7 @@ Serial Serial::FromHex(const std::string& hexIn) {
   };
   Bytes b;
   for (size_t i = 0; i < hex.size(); i += 2)
-    b.push_back(static_cast<uint8_t>(nib(hex[i]) << 4 | nib(hex[i + 1])));
+    b.push_back(static_cast<uint8_t>(nibble(hex[i]) << 4 | nibble(hex[i + 1])));
   return FromBytes(std::move(b));
 }
 
@@ -675,21 +440,12 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
   return out;
 }
 
-Serial SerialOf(const X509* cert) {
-  unsigned char* p = nullptr;
-  int n = i2d_ASN1_INTEGER(X509_get0_serialNumber(cert), &p);
-  if (n <= 0) Fail("i2d_ASN1_INTEGER");
-  Bytes tlv(p, p + n);
-  OPENSSL_free(p);
-  return Serial::FromBytes(ContentOf(tlv));
-}
-
 // ---------------------------------------------------------------------------
 // Names.
 
 NameSpec Dn(std::initializer_list<std::pair<std::string, std::string>> attrs) {
   NameSpec out;
-  for (const auto& [type, value] : attrs) out.push_back(Rdn{Attr{type, value}});
+  for (const auto& [type, value] : attrs) out.push_back({Attr{type, value}});
   return out;
 }
 
@@ -703,16 +459,16 @@ NameSpec TestName(const std::string& cn) {
 std::vector<uint8_t> NameDer(const NameSpec& name) {
   DerWriter w;
   w.Begin(der::kSequence);
-  for (const Rdn& rdn : name) {
+  for (const auto& rdn : name) {
     std::vector<Bytes> atvs;
     for (const Attr& a : rdn) {
-      DerWriter aw;
-      std::string dotted = DottedOid(a.type);
-      aw.Begin(der::kSequence);
-      aw.Oid(dotted);
-      WriteAttrValue(aw, dotted, a);
-      aw.End();
-      atvs.push_back(aw.Take());
+      const std::string dotted = DottedOid(a.type);
+      atvs.push_back(Encode([&](DerWriter& aw) {
+        aw.Begin(der::kSequence);
+        aw.Oid(dotted);
+        WriteAttrValue(aw, dotted, a);
+        aw.End();
+      }));
     }
     std::sort(atvs.begin(), atvs.end());  // DER SET OF order
     w.Begin(der::kSet);
@@ -724,133 +480,94 @@ std::vector<uint8_t> NameDer(const NameSpec& name) {
 }
 
 X509NamePtr MakeX509Name(const NameSpec& name) {
-  Bytes der = NameDer(name);
-  const unsigned char* p = der.data();
-  X509NamePtr out(d2i_X509_NAME(nullptr, &p, static_cast<long>(der.size())));
-  if (!out) Fail("d2i_X509_NAME");
-  return out;
-}
-
-std::string NameText(const X509_NAME* name) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB);
-  return BioText(bio.get());
-}
-
-// ---------------------------------------------------------------------------
-// Signatures.
-
-const EVP_MD* DigestMd(Digest digest) {
-  switch (digest) {
-    case Digest::kSha1: return EVP_sha1();
-    case Digest::kSha256: return EVP_sha256();
-    case Digest::kSha384: return EVP_sha384();
-    case Digest::kSha512: return EVP_sha512();
-  }
-  return EVP_sha256();
-}
-
-std::vector<uint8_t> SignatureAlgorithmDer(const Key& key, Digest digest, bool rsaPss) {
-  EvpMdCtxPtr ctx = InitSign(key, digest, rsaPss);
-  return AlgorithmIdOf(ctx.get());
-}
-
-std::vector<uint8_t> SignTbs(const std::vector<uint8_t>& tbs, const Key& key, Digest digest,
-                             bool rsaPss) {
-  EvpMdCtxPtr ctx = InitSign(key, digest, rsaPss);
-  Bytes algId = AlgorithmIdOf(ctx.get());
-  Bytes sig = SignBytes(ctx.get(), tbs.data(), tbs.size());
-  DerWriter w;
-  w.Begin(der::kSequence);
-  w.Raw(tbs);
-  w.Raw(algId);
-  w.BitString(sig);
-  w.End();
-  return w.Take();
+  return X509NamePtr(FromDer(d2i_X509_NAME, NameDer(name), "d2i_X509_NAME"));
 }
 
 // ---------------------------------------------------------------------------
 // Certificates.
 
+// TBSCertificate ::= SEQUENCE { version [0] EXPLICIT Version (v3),
+//   serialNumber, signature AlgorithmIdentifier, issuer Name,
+//   validity SEQUENCE { notBefore Time, notAfter Time }, subject Name,
+//   subjectPublicKeyInfo, extensions [3] EXPLICIT Extensions }
 X509Ptr MakeCert(const CertSpec& s) {
   if (!s.subjectKey) Fail("CertSpec.subjectKey is required");
-  if (s.version < 1 || s.version > 3) Fail("CertSpec.version must be 1, 2 or 3");
   const Key& issuerKey = s.issuerKey ? s.issuerKey : s.subjectKey;
-  const Key& signKey = s.signWithKey ? s.signWithKey : issuerKey;
-
-  X509Ptr x(X509_new());
-  if (!x || !X509_set_version(x.get(), s.version - 1)) Fail("X509_new");
-  const Serial serial = s.serial.empty() ? RandomSerial() : s.serial;
-  Asn1IntegerPtr sn = ToAsn1Integer(serial);
-  X509NamePtr subject = MakeX509Name(s.subject);
-  X509NamePtr issuerOwn;
-  const X509_NAME* issuer;
-  if (s.issuerCert != nullptr) {
-    issuer = X509_get_subject_name(s.issuerCert);
-  } else {
-    issuerOwn = MakeX509Name(s.issuer.empty() ? s.subject : s.issuer);
-    issuer = issuerOwn.get();
+  const Bytes subject = NameDer(s.subject);
+  const Bytes issuer =
+      s.issuerCert ? NameDerOf(X509_get_subject_name(s.issuerCert)) : subject;
+  Bytes authorityKeyId = KeyIdentifier(issuerKey);
+  if (s.issuerCert) {
+    const ASN1_OCTET_STRING* ski = X509_get0_subject_key_id(const_cast<X509*>(s.issuerCert));
+    if (ski == nullptr) Fail("issuer certificate without subjectKeyIdentifier");
+    authorityKeyId.assign(ASN1_STRING_get0_data(ski),
+                          ASN1_STRING_get0_data(ski) + ASN1_STRING_length(ski));
   }
-  Asn1TimePtr nb = ToAsn1Time(s.notBefore, s.forceGeneralizedTime);
-  Asn1TimePtr na = ToAsn1Time(s.notAfter, s.forceGeneralizedTime);
-  if (!X509_set_serialNumber(x.get(), sn.get()) || !X509_set_subject_name(x.get(), subject.get()) ||
-      !X509_set_issuer_name(x.get(), issuer) || !X509_set1_notBefore(x.get(), nb.get()) ||
-      !X509_set1_notAfter(x.get(), na.get()) || !X509_set_pubkey(x.get(), s.subjectKey.get()))
-    Fail("certificate fields");
 
-  if (s.version == 3) {
-    if (s.basicConstraints)
-      AddCertExtension(x.get(), "2.5.29.19", s.basicConstraints->critical,
-                       BasicConstraintsValue(*s.basicConstraints));
+  const Bytes der = Signed(issuerKey, 0, [&](DerWriter& w, const Bytes& algId) {
+    w.Begin(der::kSequence);
+    w.Begin(der::CtxCons(0));
+    w.Integer(2);
+    w.End();
+    w.Integer((s.serial.empty() ? RandomSerial() : s.serial).bytes);
+    w.Raw(algId);
+    w.Raw(issuer);
+    w.Begin(der::kSequence);
+    w.Time(s.notBefore);
+    w.Time(s.notAfter);
+    w.End();
+    w.Raw(subject);
+    w.Raw(ToDer(i2d_PUBKEY, s.subjectKey.get(), "i2d_PUBKEY"));
+    w.Begin(der::CtxCons(3));
+    w.Begin(der::kSequence);
+    if (s.ca)  // BasicConstraints ::= SEQUENCE { cA BOOLEAN, ... }
+      WriteExtension(w, "2.5.29.19", true, Encode([](DerWriter& v) {
+                       v.Begin(der::kSequence);
+                       v.Boolean(true);
+                       v.End();
+                     }));
     if (s.keyUsage)
-      AddCertExtension(x.get(), "2.5.29.15", s.keyUsage->critical, KeyUsageValue(*s.keyUsage));
+      WriteExtension(w, "2.5.29.15", s.keyUsage->critical,
+                     Encode([&](DerWriter& v) { v.NamedBits(s.keyUsage->bits); }));
     if (!s.extKeyUsage.empty())
-      AddCertExtension(x.get(), "2.5.29.37", s.extKeyUsageCritical, EkuValue(s.extKeyUsage));
-    if (s.subjectKeyId.mode != KeyIdMode::kAbsent) {
-      Bytes id = s.subjectKeyId.mode == KeyIdMode::kGiven ? s.subjectKeyId.keyId
-                                                          : KeyIdentifier(s.subjectKey);
-      AddCertExtension(x.get(), "2.5.29.14", s.subjectKeyId.critical, OctetStringValue(id));
-    }
-    const AuthorityKeyIdSpec& aki = s.authorityKeyId;
-    if (aki.mode != KeyIdMode::kAbsent) {
-      Bytes id;
-      if (aki.mode == KeyIdMode::kGiven)
-        id = aki.keyId;
-      else
-        id = s.issuerCert != nullptr ? CertKeyId(s.issuerCert) : KeyIdentifier(issuerKey);
-      Bytes issuerIssuer;
-      Serial issuerSerial;
-      if (aki.withIssuerAndSerial) {
-        if (s.issuerCert != nullptr) {
-          issuerIssuer = NameDerOf(X509_get_issuer_name(s.issuerCert));
-          issuerSerial = SerialOf(s.issuerCert);
-        } else {  // self-signed: its own issuer and serial
-          issuerIssuer = NameDerOf(issuer);
-          issuerSerial = serial;
-        }
-      }
-      AddCertExtension(x.get(), "2.5.29.35", aki.critical,
-                       AkiValue(aki.omitKeyId ? nullptr : &id,
-                                aki.withIssuerAndSerial ? &issuerIssuer : nullptr,
-                                aki.withIssuerAndSerial ? &issuerSerial : nullptr));
-    }
+      WriteExtension(w, "2.5.29.37", false, Encode([&](DerWriter& v) {
+                       v.Begin(der::kSequence);
+                       for (const auto& p : s.extKeyUsage) v.Oid(DottedOid(p));
+                       v.End();
+                     }));
+    WriteExtension(w, "2.5.29.14", false,
+                   Encode([&](DerWriter& v) { v.OctetString(KeyIdentifier(s.subjectKey)); }));
+    WriteExtension(w, "2.5.29.35", false, AkiValue(authorityKeyId));
     if (!s.crlDistributionPoints.empty())
-      AddCertExtension(x.get(), "2.5.29.31", s.crlDistributionPointsCritical,
-                       CrlDpValue(s.crlDistributionPoints));
-    if (!s.ocspUris.empty() || !s.caIssuersUris.empty())
-      AddCertExtension(x.get(), "1.3.6.1.5.5.7.1.1", false, AiaValue(s.ocspUris, s.caIssuersUris));
-    if (s.ocspNoCheck) {
-      DerWriter w;
-      w.Null();
-      AddCertExtension(x.get(), "1.3.6.1.5.5.7.48.1.5", false, w.Take());
-    }
-    for (const auto& e : s.extraExtensions) AddCertExtension(x.get(), e.oid, e.critical, e.value);
-  }
-
-  EvpMdCtxPtr ctx = InitSign(signKey, s.digest, s.rsaPss);
-  if (X509_sign_ctx(x.get(), ctx.get()) <= 0) Fail("X509_sign_ctx");
-  // Round-trip so that the object holds exactly the encoding it will give.
-  return ParseCert(Der(x.get()));
+      // CRLDistributionPoints ::= SEQUENCE OF SEQUENCE { distributionPoint [0] ... }
+      WriteExtension(w, "2.5.29.31", false, Encode([&](DerWriter& v) {
+                       v.Begin(der::kSequence);
+                       for (const auto& dp : s.crlDistributionPoints) {
+                         v.Begin(der::kSequence);
+                         WriteFullName(v, dp.uris, dp.directoryNames);
+                         v.End();
+                       }
+                       v.End();
+                     }));
+    if (!s.ocspUris.empty())
+      // AuthorityInfoAccessSyntax ::= SEQUENCE OF SEQUENCE { accessMethod, accessLocation }
+      WriteExtension(w, "1.3.6.1.5.5.7.1.1", false, Encode([&](DerWriter& v) {
+                       v.Begin(der::kSequence);
+                       for (const auto& uri : s.ocspUris) {
+                         v.Begin(der::kSequence);
+                         v.Oid("1.3.6.1.5.5.7.48.1");
+                         v.Tlv(der::Ctx(6), uri);
+                         v.End();
+                       }
+                       v.End();
+                     }));
+    for (const auto& e : s.extraExtensions)
+      WriteExtension(w, DottedOid(e.oid), e.critical, e.value);
+    w.End();
+    w.End();
+    w.End();
+  });
+  return ParseCert(der);
 }
 
 CertSpec RootCaSpec(const NameSpec& subject, const Key& key) {
@@ -859,18 +576,8 @@ CertSpec RootCaSpec(const NameSpec& subject, const Key& key) {
   s.subjectKey = key;
   s.notBefore = Now() - 30 * kDay;
   s.notAfter = Now() + 10 * 365 * kDay;
-  s.basicConstraints = BasicConstraintsSpec{.ca = true};
+  s.ca = true;
   s.keyUsage = KeyUsageSpec{.bits = {kKuKeyCertSign, kKuCrlSign}};
-  return s;
-}
-
-CertSpec SubCaSpec(const NameSpec& subject, const Key& key, const X509* issuerCert,
-                   const Key& issuerKey, std::optional<long> pathLen) {
-  CertSpec s = RootCaSpec(subject, key);
-  s.issuerCert = issuerCert;
-  s.issuerKey = issuerKey;
-  s.notAfter = Now() + 5 * 365 * kDay;
-  s.basicConstraints = BasicConstraintsSpec{.ca = true, .pathLen = pathLen};
   return s;
 }
 
@@ -885,81 +592,46 @@ CertSpec LeafSpec(const NameSpec& subject, const Key& key, const X509* issuerCer
   return s;
 }
 
-X509Ptr MakeOcspResponderCert(const X509* caCert, const Key& caKey, const Key& responderKey,
-                              bool withOcspSigningEku, const NameSpec& subject) {
-  CertSpec s = LeafSpec(subject, responderKey, caCert, caKey);
+X509Ptr MakeOcspResponderCert(const X509* caCert, const Key& caKey, const Key& responderKey) {
+  CertSpec s = LeafSpec(TestName("Quillon Test OCSP Responder"), responderKey, caCert, caKey);
   s.keyUsage = KeyUsageSpec{.bits = {kKuDigitalSignature}};
-  if (withOcspSigningEku) s.extKeyUsage = {kOidOcspSigning};
+  s.extKeyUsage = {kOidOcspSigning};
   return MakeCert(s);
 }
 
-std::vector<uint8_t> Der(const X509* cert) {
-  unsigned char* p = nullptr;
-  int n = i2d_X509(cert, &p);
-  if (n <= 0) Fail("i2d_X509");
-  Bytes out(p, p + n);
-  OPENSSL_free(p);
-  return out;
-}
+std::vector<uint8_t> Der(const X509* cert) { return ToDer(i2d_X509, cert, "i2d_X509"); }
 
 std::string Pem(const X509* cert) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
+  OpenSslPtr<BIO, BIO_free_all> bio(BIO_new(BIO_s_mem()));
+  char* data = nullptr;
   if (!PEM_write_bio_X509(bio.get(), const_cast<X509*>(cert))) Fail("PEM_write_bio_X509");
-  return BioText(bio.get());
+  const long n = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<size_t>(n));
 }
 
 X509Ptr ParseCert(const std::vector<uint8_t>& der) {
-  const unsigned char* p = der.data();
-  X509Ptr out(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
-  if (!out) Fail("d2i_X509");
-  return out;
+  return X509Ptr(FromDer(d2i_X509, der, "d2i_X509"));
 }
 
-X509Ptr Ref(const X509* cert) {
-  if (cert == nullptr) return nullptr;
-  X509_up_ref(const_cast<X509*>(cert));
-  return X509Ptr(const_cast<X509*>(cert));
+std::vector<uint8_t> SignTbs(const std::vector<uint8_t>& tbs, const Key& key) {
+  return Signed(key, tbs.size(), [&](DerWriter& w, const Bytes&) { w.Raw(tbs); });
 }
 
-std::vector<uint8_t> TbsDer(const X509* cert) {
-  unsigned char* p = nullptr;
-  int n = i2d_re_X509_tbs(const_cast<X509*>(cert), &p);
-  if (n <= 0) Fail("i2d_re_X509_tbs");
-  Bytes out(p, p + n);
-  OPENSSL_free(p);
-  return out;
+std::vector<uint8_t> SignatureAlgorithmDer(const Key& key) {
+  return AlgorithmIdOf(InitSign(key).get());
 }
 
-Pki MakePki(KeyType type, const PkiOptions& o) {
+Pki MakePki(KeyType type) {
   Pki pki;
-  pki.type = type;
-  pki.rootKey = MakeKey(type);
+  const Key rootKey = MakeKey(type), leafKey = MakeKey(type);
   pki.intermediateKey = MakeKey(type);
-  pki.leafKey = MakeKey(type);
-
-  CertSpec root = RootCaSpec(TestName(o.rootCn), pki.rootKey);
-  root.notBefore = o.notBefore;
-  root.notAfter = o.notAfter;
-  root.digest = o.digest;
-  pki.root = MakeCert(root);
-
-  CertSpec mid = SubCaSpec(TestName(o.intermediateCn), pki.intermediateKey, pki.root.get(),
-                           pki.rootKey, 0);
-  mid.notBefore = o.notBefore;
-  mid.notAfter = o.notAfter;
-  mid.digest = o.digest;
-  if (!o.rootCrlUri.empty()) mid.crlDistributionPoints = {DistPointSpec{.uris = {o.rootCrlUri}}};
+  pki.root = MakeCert(RootCaSpec(TestName("Quillon Test Root CA"), rootKey));
+  CertSpec mid = RootCaSpec(TestName("Quillon Test Intermediate CA"), pki.intermediateKey);
+  mid.issuerCert = pki.root.get();
+  mid.issuerKey = rootKey;
   pki.intermediate = MakeCert(mid);
-
-  CertSpec leaf = LeafSpec(TestName(o.leafCn), pki.leafKey, pki.intermediate.get(),
-                           pki.intermediateKey);
-  leaf.notBefore = o.notBefore;
-  leaf.notAfter = o.notAfter;
-  leaf.digest = o.digest;
-  if (!o.intermediateCrlUri.empty())
-    leaf.crlDistributionPoints = {DistPointSpec{.uris = {o.intermediateCrlUri}}};
-  if (!o.ocspUri.empty()) leaf.ocspUris = {o.ocspUri};
-  pki.leaf = MakeCert(leaf);
+  pki.leaf = MakeCert(LeafSpec(TestName("Quillon Test Leaf"), leafKey, pki.intermediate.get(),
+                               pki.intermediateKey));
   return pki;
 }
 
@@ -967,209 +639,78 @@ Pki MakePki(KeyType type, const PkiOptions& o) {
 // CRLs.
 
 std::vector<uint8_t> MakeCrlDer(const CrlSpec& s) {
-  if (!s.signingKey) Fail("CrlSpec.signingKey is required");
-  if (s.version < 1 || s.version > 2) Fail("CrlSpec.version must be 1 or 2");
-  const Key& signKey = s.signWithKey ? s.signWithKey : s.signingKey;
   const bool v2 = s.version == 2;
-
-  CrlFrame f;
-  f.issuerDer = s.issuerCert != nullptr ? NameDerOf(X509_get_subject_name(s.issuerCert))
-                                        : NameDer(s.issuer);
-  f.version = s.version;
-  f.thisUpdate = s.thisUpdate;
-  f.nextUpdate = s.nextUpdate;
-  f.forceGeneralizedTime = s.forceGeneralizedTime;
-
-  if (v2) {
-    DerWriter w;
-    w.Begin(der::kSequence);
-    const AuthorityKeyIdSpec& aki = s.authorityKeyId;
-    if (aki.mode != KeyIdMode::kAbsent) {
-      Bytes id = aki.mode == KeyIdMode::kGiven ? aki.keyId
-                 : s.issuerCert != nullptr     ? CertKeyId(s.issuerCert)
-                                               : KeyIdentifier(s.signingKey);
-      Bytes issuerIssuer;
-      Serial issuerSerial;
-      if (aki.withIssuerAndSerial) {
-        if (s.issuerCert == nullptr) Fail("AKI issuer and serial need CrlSpec.issuerCert");
-        issuerIssuer = NameDerOf(X509_get_issuer_name(s.issuerCert));
-        issuerSerial = SerialOf(s.issuerCert);
-      }
-      WriteExtension(w, "2.5.29.35", aki.critical,
-                     AkiValue(aki.omitKeyId ? nullptr : &id,
-                              aki.withIssuerAndSerial ? &issuerIssuer : nullptr,
-                              aki.withIssuerAndSerial ? &issuerSerial : nullptr));
-    }
-    if (s.crlNumber) WriteExtension(w, "2.5.29.20", false, IntegerValue(*s.crlNumber));
-    if (s.issuingDistributionPoint)
-      WriteExtension(w, "2.5.29.28", s.issuingDistributionPoint->critical,
-                     IdpValue(*s.issuingDistributionPoint));
-    if (s.expiredCertsOnCrl)
-      WriteExtension(w, kOidExpiredCertsOnCrl, false, GeneralizedTimeValue(*s.expiredCertsOnCrl));
-    for (const auto& e : s.extensions) WriteExtension(w, DottedOid(e.oid), e.critical, e.value);
-    w.End();
-    Bytes exts = w.Take();
-    if (exts.size() > 2) f.extensionsDer = std::move(exts);
-  }
-
-  return BuildCrl(f, signKey, s.digest, s.rsaPss, s.revoked.size(), s.revoked.size() * 64,
-                  [&](DerWriter& w) {
+  return BuildCrl(s, NameDer(TestName("Quillon Test CA")), s.revoked.size(),
+                  s.revoked.size() * 64, [&](DerWriter& w) {
                     for (const RevokedSpec& r : s.revoked) {
-                      w.Begin(der::kSequence);
-                      w.Integer(r.serial.bytes);
-                      w.Time(r.revocationDate, s.forceGeneralizedTime);
-                      if (v2 && (r.reason || r.invalidityDate || !r.extensions.empty())) {
-                        w.Begin(der::kSequence);
-                        if (r.reason) WriteExtension(w, "2.5.29.21", false, EnumeratedValue(*r.reason));
-                        if (r.invalidityDate)
-                          WriteExtension(w, kOidInvalidityDate, false,
-                                         GeneralizedTimeValue(*r.invalidityDate));
-                        for (const auto& e : r.extensions)
-                          WriteExtension(w, DottedOid(e.oid), e.critical, e.value);
-                        w.End();
-                      }
-                      w.End();
+                      WriteEntry(w, r.serial.bytes, r.revocationDate, s.forceGeneralizedTime,
+                                 v2 ? r.reason : std::nullopt,
+                                 v2 ? r.invalidityDate : std::nullopt);
                     }
                   });
 }
 
-X509CrlPtr MakeCrl(const CrlSpec& spec) { return ParseCrl(MakeCrlDer(spec)); }
+Serial LargeCrlSerial(size_t index, uint64_t seed) { return LargeSerial(index, seed, false); }
 
-std::vector<uint8_t> Der(const X509_CRL* crl) {
-  unsigned char* p = nullptr;
-  int n = i2d_X509_CRL(crl, &p);
-  if (n <= 0) Fail("i2d_X509_CRL");
-  Bytes out(p, p + n);
-  OPENSSL_free(p);
-  return out;
-}
-
-std::string Pem(const X509_CRL* crl) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  if (!PEM_write_bio_X509_CRL(bio.get(), const_cast<X509_CRL*>(crl))) Fail("PEM_write_bio_X509_CRL");
-  return BioText(bio.get());
-}
-
-X509CrlPtr ParseCrl(const std::vector<uint8_t>& der) {
-  const unsigned char* p = der.data();
-  X509CrlPtr out(d2i_X509_CRL(nullptr, &p, static_cast<long>(der.size())));
-  if (!out) Fail("d2i_X509_CRL");
-  return out;
-}
-
-Serial LargeCrlSerial(size_t index, uint64_t seed) {
-  const uint64_t prefix = LargeCrlPrefix(seed);
-  return LargeSerial(prefix, Mix64(static_cast<uint64_t>(index) + prefix), false);
-}
-
-Serial LargeCrlAbsentSerial(size_t k, uint64_t seed) {
-  const uint64_t prefix = LargeCrlPrefix(seed);
-  return LargeSerial(prefix, Mix64(static_cast<uint64_t>(k) + prefix), true);
-}
-
-CrlEntryInfo LargeCrlEntry(size_t index, uint64_t seed) {
-  static const time_t kBase = UtcTime(2020, 1, 1);
-  CrlEntryInfo e;
-  e.serial = LargeCrlSerial(index, seed);
-  e.revocationDate =
-      kBase + static_cast<time_t>(Mix64(index ^ (seed * 0x9E3779B97F4A7C15ULL)) % (3 * 365 * kDay));
-  if (index % 3 == 0) e.reason = kLargeCrlReasons[(index / 3) % std::size(kLargeCrlReasons)];
-  if (index % 100000 == 1) e.invalidityDate = e.revocationDate - kDay;
-  return e;
-}
+Serial LargeCrlAbsentSerial(size_t k, uint64_t seed) { return LargeSerial(k, seed, true); }
 
 std::vector<uint8_t> MakeLargeCrl(const Key& issuerKey, const NameSpec& issuer, size_t entries,
-                                  uint64_t seed, const LargeCrlOptions& o) {
-  CrlFrame f;
-  f.issuerDer = NameDer(issuer);
-  f.thisUpdate = o.thisUpdate != 0 ? o.thisUpdate : Now() - kHour;
-  f.nextUpdate = o.nextUpdate != 0 ? o.nextUpdate : f.thisUpdate + 7 * kDay;
-  {
-    DerWriter w;
-    w.Begin(der::kSequence);
-    if (o.authorityKeyId) {
-      Bytes id = KeyIdentifier(issuerKey);
-      WriteExtension(w, "2.5.29.35", false, AkiValue(&id, nullptr, nullptr));
-    }
-    if (o.crlNumber)
-      WriteExtension(w, "2.5.29.20", false, IntegerValue(Serial::FromUnsigned(*o.crlNumber)));
-    w.End();
-    Bytes exts = w.Take();
-    if (exts.size() > 2) f.extensionsDer = std::move(exts);
-  }
-
-  // The crlEntryExtensions of each reason, encoded once.
-  std::map<int, Bytes> reasonExts;
-  for (int r : kLargeCrlReasons) {
-    DerWriter w;
-    w.Begin(der::kSequence);
-    WriteExtension(w, "2.5.29.21", false, EnumeratedValue(r));
-    w.End();
-    reasonExts[r] = w.Take();
-  }
-
-  return BuildCrl(f, issuerKey, o.digest, false, entries, entries * 48, [&](DerWriter& w) {
+                                  uint64_t seed) {
+  ReasonOnlyExtensions cached;
+  for (int r : kLargeCrlReasons) cached[static_cast<size_t>(r)] = EntryExtensions(r, std::nullopt);
+  static const time_t kBase = UtcTime(2020, 1, 1);
+  const auto write_entries = [&](DerWriter& w) {
     for (size_t i = 0; i < entries; ++i) {
-      CrlEntryInfo e = LargeCrlEntry(i, seed);
-      w.Begin(der::kSequence);
-      w.Integer(e.serial.bytes);
-      w.UtcTime(e.revocationDate);  // 2020-2022
-      if (e.invalidityDate) {
-        w.Begin(der::kSequence);
-        if (e.reason) WriteExtension(w, "2.5.29.21", false, EnumeratedValue(*e.reason));
-        WriteExtension(w, kOidInvalidityDate, false, GeneralizedTimeValue(*e.invalidityDate));
-        w.End();
-      } else if (e.reason) {
-        w.Raw(reasonExts[*e.reason]);
-      }
-      w.End();
+      const time_t date =
+          kBase + static_cast<time_t>(Mix64(i ^ (seed * 0x9E3779B97F4A7C15ULL)) % (3 * 365 * kDay));
+      std::optional<int> reason;
+      if (i % 3 == 0) reason = kLargeCrlReasons[(i / 3) % std::size(kLargeCrlReasons)];
+      std::optional<time_t> invalidity;
+      if (i % 100000 == 1) invalidity = date - kDay;
+      WriteEntry(w, LargeCrlSerial(i, seed).bytes, date, false, reason, invalidity, &cached);
     }
-  });
+  };
+  return BuildCrl(CrlSpec{.signingKey = issuerKey}, NameDer(issuer), entries, entries * 48,
+                  write_entries);
 }
 
 // ---------------------------------------------------------------------------
 // OCSP.
 
-OcspResponsePtr MakeOcsp(const OcspSpec& s) {
-  const int status = static_cast<int>(s.responseStatus);
-  if (s.responseStatus != OcspResponseStatus::kSuccessful) {
-    OcspResponsePtr r(OCSP_response_create(status, nullptr));
-    if (!r) Fail("OCSP_response_create");
-    return r;
-  }
-  if (s.signerCert == nullptr || !s.signerKey) Fail("OcspSpec.signerCert and signerKey are required");
-
-  OcspBasicPtr bs(OCSP_BASICRESP_new());
+std::vector<uint8_t> MakeOcspDer(const OcspSpec& s) {
+  if (s.signerCert == nullptr || !s.signerKey) Fail("OcspSpec.signerCert and signerKey required");
+  OpenSslPtr<OCSP_BASICRESP, OCSP_BASICRESP_free> bs(OCSP_BASICRESP_new());
   if (!bs) Fail("OCSP_BASICRESP_new");
+  const auto time = [](time_t t) {
+    return OpenSslPtr<ASN1_TIME, ASN1_TIME_free>(
+        FromDer(d2i_ASN1_TIME, GeneralizedTimeValue(t), "ASN1_TIME"));
+  };
   for (const SingleResponseSpec& r : s.responses) {
     if (r.issuerCert == nullptr) Fail("SingleResponseSpec.issuerCert is required");
-    Asn1IntegerPtr serial = ToAsn1Integer(r.serial);
-    CertIdPtr id(OCSP_cert_id_new(DigestMd(r.certIdHash), X509_get_subject_name(r.issuerCert),
-                                  X509_get0_pubkey_bitstr(r.issuerCert), serial.get()));
+    OpenSslPtr<ASN1_INTEGER, ASN1_INTEGER_free> serial(
+        FromDer(d2i_ASN1_INTEGER, Encode([&](DerWriter& w) { w.Integer(r.serial.bytes); }),
+                "serial " + Hex(r.serial.bytes) + " is not a minimal DER INTEGER"));
+    OpenSslPtr<OCSP_CERTID, OCSP_CERTID_free> id(
+        OCSP_cert_id_new(EVP_sha1(), X509_get_subject_name(r.issuerCert),
+                         X509_get0_pubkey_bitstr(r.issuerCert), serial.get()));
     if (!id) Fail("OCSP_cert_id_new");
-    int st = V_OCSP_CERTSTATUS_GOOD;
-    Asn1TimePtr revTime;
-    int reason = OCSP_REVOKED_STATUS_NOSTATUS;
-    if (r.status == CertStatus::kRevoked) {
-      st = V_OCSP_CERTSTATUS_REVOKED;
-      revTime = ToAsn1Time(r.revocationTime, true);
-      if (r.reason) reason = *r.reason;
-    } else if (r.status == CertStatus::kUnknown) {
-      st = V_OCSP_CERTSTATUS_UNKNOWN;
-    }
-    Asn1TimePtr thisUpd = ToAsn1Time(r.thisUpdate, true);
-    Asn1TimePtr nextUpd;
-    if (r.nextUpdate) nextUpd = ToAsn1Time(*r.nextUpdate, true);
-    OCSP_SINGLERESP* single = OCSP_basic_add1_status(bs.get(), id.get(), st, reason, revTime.get(),
-                                                     thisUpd.get(), nextUpd.get());
+    const bool revoked = r.status == CertStatus::kRevoked;
+    const int status = revoked                             ? V_OCSP_CERTSTATUS_REVOKED
+                       : r.status == CertStatus::kUnknown ? V_OCSP_CERTSTATUS_UNKNOWN
+                                                          : V_OCSP_CERTSTATUS_GOOD;
+    OCSP_SINGLERESP* single = OCSP_basic_add1_status(
+        bs.get(), id.get(), status,
+        revoked && r.reason ? *r.reason : OCSP_REVOKED_STATUS_NOSTATUS,
+        revoked ? time(r.revocationTime).get() : nullptr, time(r.thisUpdate).get(),
+        r.nextUpdate ? time(*r.nextUpdate).get() : nullptr);
     if (single == nullptr) Fail("OCSP_basic_add1_status");
     if (r.invalidityDate) {
-      ExtensionPtr ext =
-          MakeExtension(kOidInvalidityDate, false, GeneralizedTimeValue(*r.invalidityDate));
-      if (!OCSP_SINGLERESP_add_ext(single, ext.get(), -1)) Fail("OCSP_SINGLERESP_add_ext");
-    }
-    for (const auto& e : r.extensions) {
-      ExtensionPtr ext = MakeExtension(e.oid, e.critical, e.value);
+      OpenSslPtr<X509_EXTENSION, X509_EXTENSION_free> ext(
+          FromDer(d2i_X509_EXTENSION, Encode([&](DerWriter& w) {
+                    WriteExtension(w, kOidInvalidityDate, false,
+                                   GeneralizedTimeValue(*r.invalidityDate));
+                  }),
+                  "invalidityDate"));
       if (!OCSP_SINGLERESP_add_ext(single, ext.get(), -1)) Fail("OCSP_SINGLERESP_add_ext");
     }
   }
@@ -1186,13 +727,13 @@ OcspResponsePtr MakeOcsp(const OcspSpec& s) {
 
   unsigned long flags = OCSP_NOCERTS | OCSP_NOTIME;
   if (s.responderId == ResponderIdType::kByKey) flags |= OCSP_RESPID_KEY;
-  EvpMdCtxPtr ctx = InitSign(s.signerKey, s.digest, s.rsaPss);
+  EvpMdCtxPtr ctx = InitSign(s.signerKey);
   if (!OCSP_basic_sign_ctx(bs.get(), const_cast<X509*>(s.signerCert), ctx.get(), nullptr, flags))
     Fail("OCSP_basic_sign_ctx");
   if (s.signWithKey) {
     // OCSP_basic_sign_ctx insists on the responder's own key; sign the same
     // ResponseData again with the other key.
-    EvpMdCtxPtr wrong = InitSign(s.signWithKey, s.digest, s.rsaPss);
+    EvpMdCtxPtr wrong = InitSign(s.signWithKey);
     if (ASN1_item_sign_ctx(ASN1_ITEM_rptr(OCSP_RESPDATA),
                            const_cast<X509_ALGOR*>(OCSP_resp_get0_tbs_sigalg(bs.get())), nullptr,
                            const_cast<ASN1_BIT_STRING*>(OCSP_resp_get0_signature(bs.get())),
@@ -1200,27 +741,10 @@ OcspResponsePtr MakeOcsp(const OcspSpec& s) {
                            wrong.get()) <= 0)
       Fail("signing with the other key");
   }
-  OcspResponsePtr resp(OCSP_response_create(OCSP_RESPONSE_STATUS_SUCCESSFUL, bs.get()));
+  OpenSslPtr<OCSP_RESPONSE, OCSP_RESPONSE_free> resp(
+      OCSP_response_create(OCSP_RESPONSE_STATUS_SUCCESSFUL, bs.get()));
   if (!resp) Fail("OCSP_response_create");
-  return resp;
-}
-
-std::vector<uint8_t> MakeOcspDer(const OcspSpec& spec) { return Der(MakeOcsp(spec).get()); }
-
-std::vector<uint8_t> Der(const OCSP_RESPONSE* response) {
-  unsigned char* p = nullptr;
-  int n = i2d_OCSP_RESPONSE(response, &p);
-  if (n <= 0) Fail("i2d_OCSP_RESPONSE");
-  Bytes out(p, p + n);
-  OPENSSL_free(p);
-  return out;
-}
-
-OcspResponsePtr ParseOcsp(const std::vector<uint8_t>& der) {
-  const unsigned char* p = der.data();
-  OcspResponsePtr out(d2i_OCSP_RESPONSE(nullptr, &p, static_cast<long>(der.size())));
-  if (!out) Fail("d2i_OCSP_RESPONSE");
-  return out;
+  return ToDer(i2d_OCSP_RESPONSE, resp.get(), "i2d_OCSP_RESPONSE");
 }
 
 // ---------------------------------------------------------------------------
@@ -1234,7 +758,8 @@ std::vector<uint8_t> ReadFile(const std::string& path) {
 
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
   if (!out) throw std::runtime_error("cannot write " + path);
 }
 
@@ -1243,18 +768,15 @@ void WriteFile(const std::string& path, const std::string& text) {
 }
 
 std::string TestDataPath(const std::string& relative) {
-  std::string base = QUILLON_TESTDATA_DIR;
-  if (relative.empty()) return base;
-  return base + "/" + relative;
+  const std::string base = QUILLON_TESTDATA_DIR;
+  return relative.empty() ? base : base + "/" + relative;
 }
 
 TempDir::TempDir() {
   const char* tmp = getenv("TMPDIR");
   std::string tmpl = std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/quillon-test-XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp " + tmpl);
-  path_ = buf.data();
+  if (mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp " + tmpl);
+  path_ = tmpl;
 }
 
 TempDir::~TempDir() {

@@ -10,7 +10,8 @@
 // text (what a walk printing each serial would find) in constant time.
 //
 // Memory for a CRL of n entries: the DER, half a byte per entry of offsets,
-// 4 bytes per entry of serial hashes until the index is built, then 8 to 16
+// 8 bytes per entry of serial hashes and entry offsets until the index is
+// built, then 12
 // bytes per entry of hash table. Large buffers come from the platform's
 // huge-page allocator.
 
@@ -295,15 +296,20 @@ struct CertificateList::Impl {
   // them. The seed differs between objects and runs (it is the object's
   // address), so that serials crafted to collide cannot be prepared.
   mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> hashes;
+  // Likewise the offset of each entry in src.bytes, for the index's slots.
+  mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> offsets;
   uint64_t seed = 0;
 
   // The serial index, built on first use. Open addressing with linear
-  // probing, 2^table_bits slots and a load of at most one half. A slot
-  // holds 0 (free) or the entry number + 1 in its low |index_bits| bits, and
-  // hash bits above them, so that most probes that would not match are told
-  // apart without reading the entry.
-  mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> index;
-  mutable unsigned index_bits = 0, table_bits = 0;
+  // probing over about 1.5 slots per entry. A slot holds 0 (free) or, in its
+  // low half, the offset of the entry in src.bytes, and in its high half the
+  // entry number + 1 in the low |index_bits| bits with hash bits above them:
+  // most probes that would not match are told apart without reading an
+  // entry, and one that matches reads the entry at once, with no walk from
+  // a checkpoint (a look-up is then two memory reads, the slot and the
+  // entry, that a following look-up can overlap).
+  mutable std::vector<uint64_t, platform::LargeAllocator<uint64_t>> index;
+  mutable unsigned index_bits = 0;
 
   Impl() = default;
   Impl(const Impl& o)
@@ -318,10 +324,10 @@ struct CertificateList::Impl {
         checkpoints(o.checkpoints),
         entry_count(o.entry_count),
         hashes(o.hashes),
+        offsets(o.offsets),
         seed(o.seed),
         index(o.index),
-        index_bits(o.index_bits),
-        table_bits(o.table_bits) {
+        index_bits(o.index_bits) {
     // Same bytes, already checked: move the views over to the new copy.
     const uint8_t* from = o.src.bytes.data();
     const uint8_t* to = src.bytes.data();
@@ -409,6 +415,7 @@ struct CertificateList::Impl {
     if (!p.ReadOptional(der::kSequence, &revoked, &present)) return false;
     checkpoints.clear();
     hashes.clear();
+    offsets.clear();
     entry_count = 0;
     if (present && !WalkEntries(revoked)) return false;
     Parser exts;
@@ -444,6 +451,7 @@ struct CertificateList::Impl {
     const size_t estimate = at < n ? n / (at / seen) + n / (8 * (at / seen)) : seen;
     checkpoints.reserve(estimate / kStride + 1);
     hashes.reserve(estimate);
+    offsets.reserve(estimate);
     const uintptr_t here = reinterpret_cast<uintptr_t>(this);
     seed = pki::HashBytes(reinterpret_cast<const uint8_t*>(&here), sizeof here, 0x51A7E5EEDULL);
     at = 0;
@@ -452,76 +460,90 @@ struct CertificateList::Impl {
       if (!pki::CheckEntry(p + at, n - at, v2, &whole, &serial)) return false;
       if (count % kStride == 0) checkpoints.push_back(static_cast<uint32_t>(p + at - base));
       hashes.push_back(Hash(pki::MinimalInteger(serial)));
+      offsets.push_back(static_cast<uint32_t>(p + at - base));
       ++count;
       at += whole;
     }
     entry_count = count;
     if (checkpoints.capacity() > checkpoints.size() + checkpoints.size() / 8)
       checkpoints.shrink_to_fit();
-    if (hashes.capacity() > hashes.size() + hashes.size() / 8) hashes.shrink_to_fit();
+    if (hashes.capacity() > hashes.size() + hashes.size() / 8) {
+      hashes.shrink_to_fit();
+      offsets.shrink_to_fit();
+    }
     return true;
   }
 
   uint32_t Hash(Input serial) const {
     return static_cast<uint32_t>(pki::HashBytes(serial.data(), serial.size(), seed));
   }
-  // The hash bits a slot carries above the entry number.
+  // The hash bits a slot's high half carries above the entry number (the
+  // low bits of the hash; the slot position comes from its high bits).
   uint32_t TagOf(uint32_t hash) const {
-    return index_bits >= 32 || table_bits >= 32 ? 0 : (hash >> table_bits) << index_bits;
+    return index_bits >= 32 ? 0 : hash << index_bits;
   }
   uint32_t EntryMask() const {
     return index_bits >= 32 ? 0xFFFFFFFFu : (uint32_t{1} << index_bits) - 1;
   }
+  // The home slot of a hash among |slots|.
+  static size_t HomeOf(uint32_t hash, size_t slots) {
+    return static_cast<size_t>((static_cast<uint64_t>(hash) * slots) >> 32);
+  }
 
   void BuildIndex() const {
     if (!index.empty() || entry_count == 0) return;
-    // At least twice as many slots as entries.
-    const size_t slots = std::bit_ceil(entry_count * 2);
+    const size_t slots = entry_count + entry_count / 2 + 2;
     decltype(index) table(slots, 0);  // the one step that may fail
-    table_bits = static_cast<unsigned>(std::countr_zero(slots));
     index_bits = static_cast<unsigned>(std::bit_width(entry_count + 1));
-    const size_t mask = slots - 1;
     const uint32_t entry_mask = EntryMask();
     // Entries go in in order, so that a serial listed twice keeps its first
     // entry. Each is inserted kAhead entries after its slot was prefetched:
     // the inserts are random writes over a table larger than the caches.
     constexpr size_t kAhead = 16;
     for (size_t i = 0; i < entry_count + kAhead; ++i) {
-      if (i < entry_count) __builtin_prefetch(&table[hashes[i] & mask], 1);
-      if (i < kAhead) continue;
-      const size_t entry = i - kAhead;
-      const uint32_t h = hashes[entry];
-      const uint32_t slot = TagOf(h) | static_cast<uint32_t>(entry + 1);
-      for (size_t at = h & mask;; at = (at + 1) & mask) {
-        const uint32_t held = table[at];
-        if (held == 0) {
-          table[at] = slot;
-          break;
-        }
-        if ((held & ~entry_mask) == (slot & ~entry_mask) &&
-            pki::MinimalInteger(pki::EntrySerial(Entry((held & entry_mask) - 1).data())) ==
-                pki::MinimalInteger(pki::EntrySerial(Entry(entry).data())))
-          break;
-      }
+      if (i < entry_count) __builtin_prefetch(&table[HomeOf(hashes[i], slots)], 1);
+      if (i >= kAhead) Insert(&table, i - kAhead, entry_mask);
     }
     index = std::move(table);
     decltype(hashes)().swap(hashes);  // done with
+    decltype(offsets)().swap(offsets);
+  }
+
+  // Puts |entry| in |table| unless an earlier entry has its serial.
+  void Insert(decltype(index)* table, size_t entry, uint32_t entry_mask) const {
+    const uint32_t offset = offsets[entry];
+    const uint8_t* const base = src.bytes.data();
+    const size_t slots = table->size();
+    const uint32_t h = hashes[entry];
+    const uint64_t slot = (uint64_t{TagOf(h) | static_cast<uint32_t>(entry + 1)} << 32) | offset;
+    for (size_t at = HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
+      const uint64_t held = (*table)[at];
+      if (held == 0) {
+        (*table)[at] = slot;
+        return;
+      }
+      if (((held >> 32) & ~entry_mask) == ((slot >> 32) & ~entry_mask) &&
+          pki::MinimalInteger(pki::EntrySerial(base + static_cast<uint32_t>(held))) ==
+              pki::MinimalInteger(pki::EntrySerial(base + offset)))
+        return;
+    }
   }
 
   long Find(Input serial) const {
     BuildIndex();
     if (index.empty()) return -1;
     const uint32_t h = Hash(serial);
-    const size_t mask = index.size() - 1;
+    const size_t slots = index.size();
     const uint32_t entry_mask = EntryMask();
     const uint32_t want_tag = TagOf(h);
-    for (size_t at = h & mask;; at = (at + 1) & mask) {
-      const uint32_t held = index[at];
+    const uint8_t* const base = src.bytes.data();
+    for (size_t at = HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
+      const uint64_t held = index[at];
       if (held == 0) return -1;
-      if ((held & ~entry_mask) != want_tag) continue;
-      const size_t entry = (held & entry_mask) - 1;
-      if (pki::MinimalInteger(pki::EntrySerial(Entry(entry).data())) == serial)
-        return static_cast<long>(entry);
+      const uint32_t high = static_cast<uint32_t>(held >> 32);
+      if ((high & ~entry_mask) != want_tag) continue;
+      if (pki::MinimalInteger(pki::EntrySerial(base + static_cast<uint32_t>(held))) == serial)
+        return static_cast<long>((high & entry_mask) - 1);
     }
   }
 };
@@ -815,8 +837,9 @@ size_t CertificateList::memoryUsage() const {
   const Impl& m = *impl_;
   size_t total = sizeof(*this) + sizeof(Impl) + platform::LargeFootprint(m.src.bytes.capacity()) +
                  m.received_tbs.capacity() + m.checkpoints.capacity() * sizeof(uint32_t) +
-                 platform::LargeFootprint(m.index.capacity() * sizeof(uint32_t)) +
-                 platform::LargeFootprint(m.hashes.capacity() * sizeof(uint32_t));
+                 platform::LargeFootprint(m.index.capacity() * sizeof(uint64_t)) +
+                 platform::LargeFootprint(m.hashes.capacity() * sizeof(uint32_t)) +
+                 platform::LargeFootprint(m.offsets.capacity() * sizeof(uint32_t));
   for (const Extension& e : m.extensions)
     total += sizeof(e) + e.oid.capacity() + e.value.capacity();
   for (const Name::RDN& rdn : m.issuer.rdns()) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -38,6 +39,11 @@ int child_failures = 0;
   EXPECT_EXIT(((__VA_ARGS__)(), std::exit(child_failures != 0)), ::testing::ExitedWithCode(0), "")
 
 char* C(const std::string& s) { return const_cast<char*>(s.c_str()); }
+
+std::string Upper(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return s;
+}
 
 std::string ReadText(const std::string& path) {
   const std::vector<uint8_t> bytes = quillon::testing::ReadFile(path);
@@ -176,6 +182,15 @@ Bytes IssuerOf(const Certificate& c) {
   return Bytes(c.issuerBytes().data, c.issuerBytes().data + c.issuerBytes().size);
 }
 Bytes Int(int v) { return BigInteger(v).encode(); }
+Bytes Record(const Certificate& c) {
+  return Seq({Tlv(c), IssuerOf(c), c.serialNumber().encode(), Int(3)});
+}
+
+// Two CAs' records each filed under the other's subject: well formed, but
+// the table would answer for one CA with the other.
+Bytes SwappedKeysFile(const Certificate& a, const Certificate& b) {
+  return File({{a.subject().toString(), {Record(b)}}, {b.subject().toString(), {Record(a)}}});
+}
 
 // The file checked in for the command-line tests pins the format: a change
 // that would make older files unreadable or different shows here.
@@ -219,7 +234,7 @@ TEST(CaList, CheckedInFileIsTheEncodingOfItsTable) {
 
 TEST(CaList, OversizedFileKeepsTheFirst2048EntriesAndReadsTheRegister) {
   const Certificate ca = FromFile(qt::TestDataPath("nist-pkits/certs/GoodCACert.crt"));
-  const Bytes record = Seq({Tlv(ca), IssuerOf(ca), ca.serialNumber().encode(), Int(3)});
+  const Bytes record = Seq({IssuerOf(ca), ca.serialNumber().encode(), Int(3)});  // no certificate
   std::vector<std::pair<std::string, std::vector<Bytes>>> entries;
   for (int i = 0; i < 3000; ++i) entries.push_back({"CN=Entry " + std::to_string(i), {record}});
   Bytes reg;
@@ -237,8 +252,9 @@ TEST(CaList, DamagedFilesAreRefused) {
   const Certificate other =
       FromFile(qt::TestDataPath("nist-pkits/certs/BasicSelfIssuedNewKeyOldWithNewCACert.crt"));
   const Bytes serial = ca.serialNumber().encode();
-  const Bytes good = Seq({Tlv(ca), IssuerOf(ca), serial, Int(3)});
-  auto one = [](const Bytes& record) { return File({{"CN=A", {record}}}); };
+  const Bytes good = Record(ca);
+  const std::string key = ca.subject().toString();
+  auto one = [&](const Bytes& record) { return File({{key, {record}}}); };
   Bytes half_cert = Tlv(ca);
   half_cert.resize(half_cert.size() / 2);
   Bytes reg;
@@ -252,10 +268,11 @@ TEST(CaList, DamagedFilesAreRefused) {
   } cases[] = {
       {"empty file", {}},
       {"length beyond the file", {0x30, 0x84, 0x7F, 0xFF, 0xFF, 0xFF, 0x30}},
-      {"entry without records", File({{"CN=A", {}}})},
-      {"two entries under one key", File({{"CN=A", {good}}, {"cn=a", {good}}})},
+      {"entry without records", File({{key, {}}})},
+      {"two entries under one key", File({{key, {good}}, {Upper(key), {good}}})},
       {"NUL in a key", File({{std::string("CN=A\0B", 6), {good}}})},
-      {"one record twice", File({{"CN=A", {good, good}}})},
+      {"one record twice", File({{key, {good, good}}})},
+      {"records under each other's keys", SwappedKeysFile(ca, other)},
       {"serial not the certificate's", one(Seq({Tlv(ca), IssuerOf(ca), Int(99), Int(3)}))},
       {"issuer not the certificate's", one(Seq({Tlv(ca), IssuerOf(other), serial, Int(3)}))},
       {"damaged certificate", one(Seq({half_cert, IssuerOf(ca), serial, Int(3)}))},
@@ -264,9 +281,9 @@ TEST(CaList, DamagedFilesAreRefused) {
        one(Seq({Tlv(ca), IssuerOf(ca), serial, {0x02, 0x05, 1, 0, 0, 0, 0}}))},
       {"metadata not metadata", one(Seq({Tlv(ca), IssuerOf(ca), serial, Int(1), {0x30, 0x00}}))},
       {"element after the metadata", one(Seq({Tlv(ca), IssuerOf(ca), serial, Int(3), Int(3)}))},
-      {"garbage after the table", File({{"CN=A", {good}}}, {0x00, 0x00})},
-      {"bytes after the register", File({{"CN=A", {good}}}, reg_then_null)},
-      {"damaged register", File({{"CN=A", {good}}}, Bytes(reg.begin(), reg.end() - 2))},
+      {"garbage after the table", File({{key, {good}}}, {0x00, 0x00})},
+      {"bytes after the register", File({{key, {good}}}, reg_then_null)},
+      {"damaged register", File({{key, {good}}}, Bytes(reg.begin(), reg.end() - 2))},
   };
   for (const auto& c : cases) {
     CaStore store;
@@ -289,6 +306,12 @@ TEST(CaList, DamagedFilesAreRefused) {
     ASSERT_NE(store.record(0, 0)->certificate, nullptr);
     EXPECT_EQ(store.record(0, 0)->cert(), nullptr);
     EXPECT_EQ(store.findIssuer(0, ca, nullptr, nullptr), -1);
+  }
+  // A subject is its entry's whatever the case of its letters, as when added.
+  {
+    CaStore store;
+    LoadedTslRegister tsls;
+    EXPECT_TRUE(DecodeCaList(Input(File({{Upper(key), {good}}})), &store, &tsls));
   }
 
   // Every truncation of a real file is refused, but the one that drops
@@ -365,6 +388,9 @@ TEST(CaList, FailedLoadsAndEmptySavesLeaveTableAndFileAlone) {
   const std::string path = dir.File("caCertsList-3.5");
   const Bytes valid = Encode(SampleStore(), SampleRegister());
   const std::string expected = Describe(SampleStore(), SampleRegister());
+  const Bytes swapped =
+      SwappedKeysFile(FromFile(qt::TestDataPath("nist-pkits/certs/GoodCACert.crt")),
+                      FromFile(qt::TestDataPath("nist-pkits/certs/NoCRLCACert.crt")));
   IN_CHILD([&] {
     void* ctx = Init(dir);
     unsigned long error = 0;
@@ -375,7 +401,7 @@ TEST(CaList, FailedLoadsAndEmptySavesLeaveTableAndFileAlone) {
 
     // Damaged, truncated and oversized files: each refused, table and file kept.
     for (const Bytes& bad : {Bytes(valid.begin(), valid.begin() + 999), Bytes(99, 0x30),
-                             Bytes{0x30, 0x84, 0x7F, 0xFF, 0xFF, 0xFF}}) {
+                             Bytes{0x30, 0x84, 0x7F, 0xFF, 0xFF, 0xFF}, swapped}) {
       qt::WriteFile(path, bad);
       error = 0;
       CHECK(cache_loadCACertList(ctx, &error) == 0 && error == 5150);

@@ -285,6 +285,10 @@ TEST(CaStore, ExportsAddLookUpRemoveAndReportFailures) {
     CHECK(cache_getCAIndex(ctx, M(leaf), 1, nullptr) == 0);
     CHECK(cache_getCAIndex(ctx, M(inter), 0, nullptr) == 0);
     CHECK(cache_getCAIndex(ctx, M(leaf), 0, nullptr) == -1);
+    // A context made before cache_finalize does not reach the destroyed
+    // device: with no key identifier to go by, no issuer is found.
+    cache_finalize();
+    CHECK(cache_getCAIndex(ctx, M(leaf), 1, nullptr) == -1);
 
     // Sources in all four forms; a caller's own source replaces the record.
     Certificate root_cert = Decoded(root_der);

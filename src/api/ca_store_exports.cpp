@@ -202,7 +202,9 @@ void cache_clean(void*) {
 // Looking up
 
 int cache_getCACertsNum(void*) {
-  return WithStore([](const CaStore& store) { return store.count(); });
+  return Guarded<int>(0, [] {
+    return WithStore([](const CaStore& store) { return store.count(); });
+  });
 }
 
 int cache_getCACerts(void*, Name* name) {
@@ -233,28 +235,30 @@ int cache_getCertIndex(void*, int entry, Name* issuer, BigInteger serial) {
 
 namespace {
 template <class Signed>
-int FindIssuerIndex(void* ctx, Signed* object, int entry, AuthorityKeyIdentifier* aki) {
+int FindIssuerIndex(Signed* object, int entry, AuthorityKeyIdentifier* aki) {
   return Guarded<int>(-1, [&] {
     if (!object || !object->isDecoded()) return -1;
-    const quillon::pki::CryptoDevice* device = ctx ? AsCache(ctx)->device : nullptr;
+    // The library's device as it is now: none before cache_init or after
+    // cache_finalize, and then only a key identifier can find the issuer.
     // The device takes its own guard around each signature check.
+    const quillon::pki::CryptoDevice* device = Library::Get().device();
     return WithStore(
         [&](const CaStore& store) { return store.findIssuer(entry, *object, aki, device); });
   });
 }
 }  // namespace
 
-int cache_getCAIndex(void* ctx, Certificate* cert, int entry, AuthorityKeyIdentifier* aki) {
-  return FindIssuerIndex(ctx, cert, entry, aki);
+int cache_getCAIndex(void*, Certificate* cert, int entry, AuthorityKeyIdentifier* aki) {
+  return FindIssuerIndex(cert, entry, aki);
 }
 
-int cache_getCAIndex(void* ctx, AttributeCertificate* cert, int entry,
+int cache_getCAIndex(void*, AttributeCertificate* cert, int entry,
                      AuthorityKeyIdentifier* aki) {
-  return FindIssuerIndex(ctx, cert, entry, aki);
+  return FindIssuerIndex(cert, entry, aki);
 }
 
-int cache_getCAIndex(void* ctx, CertificateList* crl, int entry, AuthorityKeyIdentifier* aki) {
-  return FindIssuerIndex(ctx, crl, entry, aki);
+int cache_getCAIndex(void*, CertificateList* crl, int entry, AuthorityKeyIdentifier* aki) {
+  return FindIssuerIndex(crl, entry, aki);
 }
 
 unsigned char cache_trustedCA(void*, unsigned char* der, unsigned long length) {
@@ -298,9 +302,11 @@ int cache_getCACertSource(void*, Name* subject, Name* issuer, BigInteger serial)
 }
 
 int cache_getCACertSource(void*, int entry, int record) {
-  return WithStore([&](const CaStore& store) {
-    const CaRecord* r = store.record(entry, record);
-    return r ? r->source : -1;
+  return Guarded<int>(-1, [&] {
+    return WithStore([&](const CaStore& store) {
+      const CaRecord* r = store.record(entry, record);
+      return r ? r->source : -1;
+    });
   });
 }
 
@@ -367,12 +373,14 @@ char* cache_getServiceType(void*, int caIndex, int recordIndex) {
 }
 
 unsigned char cache_getQualified(void*, int caIndex, int recordIndex) {
-  return WithMetadata(caIndex, recordIndex, [](const TSLMetadata* m) -> unsigned char {
-    if (!m) return 0xFF;
-    const char* type = m->serviceType();
-    return type && (std::strcmp(type, kQualifiedCaType) == 0 ||
-                    std::strcmp(type, kQualifiedTsaType) == 0)
-               ? 1
-               : 0;
+  return Guarded<unsigned char>(0xFF, [&] {
+    return WithMetadata(caIndex, recordIndex, [](const TSLMetadata* m) -> unsigned char {
+      if (!m) return 0xFF;
+      const char* type = m->serviceType();
+      return type && (std::strcmp(type, kQualifiedCaType) == 0 ||
+                      std::strcmp(type, kQualifiedTsaType) == 0)
+                 ? 1
+                 : 0;
+    });
   });
 }

@@ -75,8 +75,6 @@ template <class Ctx>
 Ctx* MakeContext() {
   Library& lib = Library::Get();
   auto ctx = std::make_unique<Ctx>();
-  ctx->device = lib.device();
-  ctx->device_guard = lib.device_guard();
   const uint8_t level = lib.settings().default_log_level;
   if (level != quillon::api::kLogOff) {
     ctx->logger.reset(lib.log().MakeLogger());

@@ -78,6 +78,10 @@ class Library {
   void Unload();
 
   bool initialised() const { return initialised_; }
+  // The crypto device and its guard while they exist: from cache_init to
+  // cache_finalize. Contexts keep no copy of either, so that one made
+  // before cache_finalize cannot reach a destroyed device; every signature
+  // check asks here for the current one.
   Semaphore* device_guard() const { return device_guard_.get(); }
   pki::CryptoDevice* device() const { return device_.get(); }
   Mutex* guard(GuardId id) { return guards_ ? &(*guards_)[id] : nullptr; }
@@ -108,11 +112,10 @@ class Library {
   tsl::LoadedTslRegister loaded_tsls_;
 };
 
-// A cache context: one caller's check.
+// A cache context: one caller's check. The crypto device is the library's
+// (Library::device()), never the context's own.
 struct CacheContext {
   std::unique_ptr<Logger> logger;   // null when logging was off when made
-  pki::CryptoDevice* device = nullptr;   // shared
-  Semaphore* device_guard = nullptr;     // shared
   SecureBuffer work{4096};
   SecureBuffer work2;
   uint32_t error = 0xFFFFFFFFu;     // all ones: no error recorded
@@ -134,8 +137,6 @@ struct CacheContext {
 struct OcspContext {
   uint8_t use_local_responses = 0;
   std::unique_ptr<Logger> logger;
-  pki::CryptoDevice* device = nullptr;
-  Semaphore* device_guard = nullptr;
   SecureBuffer work{4096};
   uint32_t error = 0xFFFFFFFFu;
   uint8_t reason = 0xFF;            // none

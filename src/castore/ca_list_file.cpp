@@ -5,6 +5,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "pki/name_der.h"
+
 namespace quillon::castore {
 
 using der::Input;
@@ -43,10 +45,39 @@ struct IssuerName {
 };
 using IssuerNames = std::unordered_map<std::string_view, IssuerName>;
 
+// The entry whose records are being read: every certificate in it must bear
+// the entry's subject, or the table would answer for one CA with another.
+// The records of an entry mostly repeat one subject encoding, whose text is
+// printed once.
+struct EntrySubject {
+  std::string_view key;
+  Input matched;        // a subject encoding already found to print as |key|
+  std::string printed;  // scratch, reused from record to record and entry to entry
+};
+
+// True when |subject| prints, through the one name printer that made the
+// key when the certificate was added, as the entry's key (ASCII case aside,
+// as the table compares keys). A subject met before as an issuer (every
+// self-signed root) has its text at hand already.
+bool IsEntrySubject(Input subject, const IssuerNames& issuers, EntrySubject* entry) {
+  if (!entry->matched.empty() && subject == entry->matched) return true;
+  const auto known = issuers.find(subject.AsStringView());
+  const std::string* text = &entry->printed;
+  if (known != issuers.end()) {
+    text = &known->second.text;
+  } else if (!pki::PrintNameDer(subject, &entry->printed)) {
+    return false;
+  }
+  if (!FoldedEqual{}(*text, entry->key)) return false;
+  entry->matched = subject;
+  return true;
+}
+
 // One CaRecord (layout beside EncodeCaList). The certificate's outline is
-// checked against the record's issuer and serial; it is decoded when first used.
+// checked against the record's issuer and serial and its subject against the
+// entry's key; it is decoded when first used.
 bool DecodeRecord(Parser* records, const std::shared_ptr<const std::vector<uint8_t>>& file,
-                  IssuerNames* issuers, CaRecord* out) {
+                  IssuerNames* issuers, EntrySubject* subject, CaRecord* out) {
   Parser p;
   if (!records->ReadSequence(&p)) return false;
 
@@ -59,14 +90,14 @@ bool DecodeRecord(Parser* records, const std::shared_ptr<const std::vector<uint8
     if (n == 2 || !p.ReadRawTLV(&seqs[n])) return false;
     ++n;
   }
-  Input certificate, cert_issuer, cert_serial, name;
+  Input certificate, cert_issuer, cert_serial, cert_subject, name;
   if (n == 2) {
     certificate = seqs[0];
     name = seqs[1];
-    if (!CertificateOutline(certificate, &cert_issuer, &cert_serial)) return false;
+    if (!CertificateOutline(certificate, &cert_issuer, &cert_serial, &cert_subject)) return false;
   } else if (n == 1) {
     // One SEQUENCE alone: a certificate when it has the outline of one.
-    if (CertificateOutline(seqs[0], &cert_issuer, &cert_serial)) {
+    if (CertificateOutline(seqs[0], &cert_issuer, &cert_serial, &cert_subject)) {
       certificate = seqs[0];
     } else {
       name = seqs[0];
@@ -93,6 +124,7 @@ bool DecodeRecord(Parser* records, const std::shared_ptr<const std::vector<uint8
     issuer = &it->second;
     out->issuer = issuer->name;
   }
+  if (!certificate.empty() && !IsEntrySubject(cert_subject, *issuers, subject)) return false;
 
   Input serial;
   if (!p.ReadInteger(&serial) || !out->serial.fromDerContent(serial.data(), serial.size()) ||
@@ -146,8 +178,8 @@ bool DecodeRecord(Parser* records, const std::shared_ptr<const std::vector<uint8
 // name carries it. The spare value of a record is not written.
 //
 // Reading checks every element but decodes no certificate: each must have
-// the outline of a certificate whose issuer and serial are the record's, and
-// is decoded when first used.
+// the outline of a certificate whose issuer and serial are the record's and
+// whose subject prints as its entry's key, and is decoded when first used.
 void EncodeCaList(const CaStore& store, const tsl::LoadedTslRegister& tsls,
                   std::vector<uint8_t>* out) {
   if (store.empty() && tsls.empty()) return;
@@ -174,6 +206,7 @@ bool DecodeCaList(std::shared_ptr<const std::vector<uint8_t>> file, CaStore* sto
                   tsl::LoadedTslRegister* tsls) {
   IssuerNames issuers;
   issuers.reserve(kMaxEntries);
+  EntrySubject subject;
   Parser top{Input(*file)};
   Parser entries;
   if (!top.ReadSequence(&entries)) return false;
@@ -189,9 +222,11 @@ bool DecodeCaList(std::shared_ptr<const std::vector<uint8_t>> file, CaStore* sto
     if (key_text.find('\0') != std::string_view::npos || store->findEntry(key_text) >= 0) {
       return false;  // the table never holds two entries under one key
     }
+    subject.key = key_text;
+    subject.matched = Input();
     while (records.HasMore()) {
       CaRecord record;
-      if (!DecodeRecord(&records, file, &issuers, &record) ||
+      if (!DecodeRecord(&records, file, &issuers, &subject, &record) ||
           !store->append(key_text, std::move(record))) {
         return false;
       }

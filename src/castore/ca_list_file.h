@@ -25,9 +25,10 @@ void EncodeCaList(const CaStore& store, const tsl::LoadedTslRegister& tsls,
 
 // Reads a CA list file into |store| and |tsls|, which should be empty: the
 // first kMaxEntries entries, then the register. False on any damage
-// (truncation, bad lengths, an undecodable certificate, bytes after the
-// register, ...); |store| and |tsls| may then hold part of the file and are
-// to be thrown away.
+// (truncation, bad lengths, an undecodable certificate, a certificate filed
+// under a key other than its subject's, bytes after the register, ...);
+// |store| and |tsls| may then hold part of the file and are to be thrown
+// away.
 // The records' certificates stay views of |file|, which they share.
 [[nodiscard]] bool DecodeCaList(std::shared_ptr<const std::vector<uint8_t>> file, CaStore* store,
                                 tsl::LoadedTslRegister* tsls);

@@ -107,6 +107,8 @@ size_t FoldedHash::operator()(std::string_view s) const noexcept {
 
 bool FoldedEqual::operator()(std::string_view a, std::string_view b) const noexcept {
   if (a.size() != b.size()) return false;
+  // Names are mostly asked for as they were printed when stored.
+  if (std::memcmp(a.data(), b.data(), a.size()) == 0) return true;
   size_t i = 0;
   for (; i + 8 <= a.size(); i += 8) {
     if (FoldWord(Load(a.data() + i, 8)) != FoldWord(Load(b.data() + i, 8))) return false;
@@ -115,10 +117,11 @@ bool FoldedEqual::operator()(std::string_view a, std::string_view b) const noexc
          FoldWord(Load(a.data() + i, a.size() - i)) == FoldWord(Load(b.data() + i, a.size() - i));
 }
 
-bool CertificateOutline(der::Input certificate, der::Input* issuer, der::Input* serial_content) {
+bool CertificateOutline(der::Input certificate, der::Input* issuer, der::Input* serial_content,
+                        der::Input* subject) {
   // Certificate ::= SEQUENCE { tbsCertificate, signatureAlgorithm, signatureValue }
   // TBSCertificate ::= SEQUENCE { version [0] EXPLICIT OPTIONAL, serialNumber,
-  //   signature AlgorithmIdentifier, issuer Name, ... }
+  //   signature AlgorithmIdentifier, issuer Name, validity Validity, subject Name, ... }
   der::Parser top(certificate);
   der::Parser cert, tbs;
   bool has_version = false;
@@ -127,9 +130,13 @@ bool CertificateOutline(der::Input certificate, der::Input* issuer, der::Input* 
     return false;
   }
   der::Tag tag = 0;
-  return tbs.SkipOptional(der::ContextSpecificConstructed(0), &has_version) &&
-         tbs.Read(der::kInteger, serial_content) && tbs.Skip(der::kSequence) && tbs.PeekTag(&tag) &&
-         tag == der::kSequence && tbs.ReadRawTLV(issuer);
+  if (!tbs.SkipOptional(der::ContextSpecificConstructed(0), &has_version) ||
+      !tbs.Read(der::kInteger, serial_content) || !tbs.Skip(der::kSequence) ||
+      !tbs.PeekTag(&tag) || tag != der::kSequence || !tbs.ReadRawTLV(issuer)) {
+    return false;
+  }
+  return !subject || (tbs.Skip(der::kSequence) && tbs.PeekTag(&tag) && tag == der::kSequence &&
+                      tbs.ReadRawTLV(subject));
 }
 
 CaCertificate::CaCertificate(const Certificate& decoded)

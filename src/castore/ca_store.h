@@ -66,12 +66,15 @@ inline std::string RecordId(const Name& issuer, const BigInteger& serial) {
   return id;
 }
 
-// Where a certificate's issuer name and serial number lie in its DER bytes.
-// False when the bytes are not the outline of a certificate: SEQUENCE {
-// SEQUENCE { [0] version OPTIONAL, INTEGER, SEQUENCE, Name, ... }, SEQUENCE,
-// BIT STRING } and nothing after it. Only the outline is read.
+// Where a certificate's issuer name and serial number (and, when |subject|
+// is given, its subject name) lie in its DER bytes. False when the bytes are
+// not the outline of a certificate: SEQUENCE { SEQUENCE { [0] version
+// OPTIONAL, INTEGER, SEQUENCE, Name, ... }, SEQUENCE, BIT STRING } and
+// nothing after it, with "SEQUENCE, Name" (validity, subject) behind the
+// issuer when the subject is asked for. Only the outline is read.
 [[nodiscard]] bool CertificateOutline(der::Input certificate, der::Input* issuer,
-                                      der::Input* serial_content);
+                                      der::Input* serial_content,
+                                      der::Input* subject = nullptr);
 
 // A record's certificate. One added by a caller is kept decoded; one read
 // back from the CA list file is kept as a view of the file's bytes (shared by

@@ -169,7 +169,12 @@ TEST(Certificate, ExtensionsReadBackAsMade) {
   ASSERT_TRUE(Decode(qt::Der(root.get())).subjectKeyIdentifier(&ski));
   ASSERT_TRUE(c.authorityKeyIdentifier(&aki));
   EXPECT_EQ(aki.keyIdentifier(), ski);
+  // Null outputs are refused, not written through.
   EXPECT_FALSE(c.authorityKeyIdentifier(nullptr));
+  EXPECT_FALSE(c.keyUsage(nullptr));
+  bool ca = false;
+  EXPECT_FALSE(c.basicConstraints(&ca, nullptr));
+  EXPECT_FALSE(Decode(qt::Der(root.get())).subjectKeyIdentifier(nullptr));
 }
 
 // Cuts, a byte after the certificate, the wrong outer tag and a repeated

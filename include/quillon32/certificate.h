@@ -65,6 +65,8 @@ class QUILLON32_API Certificate {
   // The extension with |oid|, or null.
   const Extension* extension(const char* oid) const;
 
+  // The getters below return false, writing nothing, when an output
+  // pointer is null.
   // Authority key identifier ("2.5.29.35"); false when absent or malformed.
   bool authorityKeyIdentifier(AuthorityKeyIdentifier* out) const;
   // Subject key identifier ("2.5.29.14"); false when absent or malformed.

@@ -316,7 +316,7 @@ bool Certificate::authorityKeyIdentifier(AuthorityKeyIdentifier* out) const {
 // SubjectKeyIdentifier ::= KeyIdentifier ::= OCTET STRING
 bool Certificate::subjectKeyIdentifier(std::vector<unsigned char>* out) const {
   const Extension* e = extension("2.5.29.14");
-  if (!e) return false;
+  if (!e || !out) return false;
   Parser p{Input(e->value)};
   Input id;
   if (!p.Read(der::kOctetString, &id) || p.HasMore()) return false;
@@ -327,7 +327,7 @@ bool Certificate::subjectKeyIdentifier(std::vector<unsigned char>* out) const {
 // KeyUsage ::= BIT STRING { digitalSignature (0), ... cRLSign (6), ... decipherOnly (8) }
 bool Certificate::keyUsage(unsigned* bits) const {
   const Extension* e = extension("2.5.29.15");
-  if (!e) return false;
+  if (!e || !bits) return false;
   Input v;
   uint8_t unused = 0;
   // Lenient on trailing zero bits: many CAs encode them.
@@ -346,7 +346,7 @@ bool Certificate::keyUsage(unsigned* bits) const {
 // ExtKeyUsageSyntax ::= SEQUENCE SIZE (1..MAX) OF KeyPurposeId
 bool Certificate::extendedKeyUsage(std::vector<std::string>* purposes) const {
   const Extension* e = extension("2.5.29.37");
-  if (!e) return false;
+  if (!e || !purposes) return false;
   Parser outer{Input(e->value)};
   Parser seq;
   if (!outer.ReadSequence(&seq) || outer.HasMore()) return false;
@@ -373,7 +373,7 @@ bool Certificate::hasExtendedKeyUsage(const char* purpose) const {
 //   pathLenConstraint INTEGER (0..MAX) OPTIONAL }
 bool Certificate::basicConstraints(bool* ca, int* pathLength) const {
   const Extension* e = extension("2.5.29.19");
-  if (!e) return false;
+  if (!e || !ca || !pathLength) return false;
   Parser outer{Input(e->value)};
   Parser seq;
   if (!outer.ReadSequence(&seq) || outer.HasMore()) return false;
@@ -445,7 +445,7 @@ bool Certificate::crlDistributionPoints(std::vector<DistributionPoint>* out) con
 // AccessDescription ::= SEQUENCE { accessMethod OID, accessLocation GeneralName }
 bool Certificate::authorityInfoAccess(const char* method, std::vector<std::string>* uris) const {
   const Extension* e = extension("1.3.6.1.5.5.7.1.1");
-  if (!e || !method) return false;
+  if (!e || !method || !uris) return false;
   const der::Oid wanted(method);
   Parser outer{Input(e->value)};
   Parser seq;

@@ -1,5 +1,7 @@
 #include "quillon32/tsl_metadata.h"
 
+#include "tsl/malloc_text.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -7,19 +9,8 @@
 
 namespace {
 
-// A malloc'd copy of |text| (null stays null); the texts are handed to
-// callers who free them with the C runtime.
-char* CopyText(const char* text) {
-  if (!text) return nullptr;
-  const size_t n = std::strlen(text);
-  char* out = static_cast<char*>(std::malloc(n + 1));
-  if (!out) throw std::bad_alloc();
-  std::memcpy(out, text, n + 1);
-  return out;
-}
-
 void Replace(char** field, const char* text) {
-  char* copy = CopyText(text);
+  char* copy = quillon::tsl::MallocText(text);
   std::free(*field);
   *field = copy;
 }
@@ -59,10 +50,10 @@ TSLMetadata& TSLMetadata::operator=(const TSLMetadata& other) {
       tail = to;
     }
     std::memcpy(to->country_, from->country_, sizeof country_);
-    to->serviceType_ = CopyText(from->serviceType_);
-    to->serviceName_ = CopyText(from->serviceName_);
-    to->serviceStatus_ = CopyText(from->serviceStatus_);
-    to->statusStartingTime_ = CopyText(from->statusStartingTime_);
+    to->serviceType_ = quillon::tsl::MallocText(from->serviceType_);
+    to->serviceName_ = quillon::tsl::MallocText(from->serviceName_);
+    to->serviceStatus_ = quillon::tsl::MallocText(from->serviceStatus_);
+    to->statusStartingTime_ = quillon::tsl::MallocText(from->statusStartingTime_);
   }
   *this = std::move(fresh);
   return *this;
@@ -112,17 +103,17 @@ void TSLMetadata::setCountry(const char* country) {
 char* TSLMetadata::getCountry() const {
   if (!hasCountry()) return nullptr;
   char text[3] = {country_[0], country_[1], '\0'};
-  return CopyText(text);
+  return quillon::tsl::MallocText(text);
 }
 
 void TSLMetadata::setServiceType(const char* text) { Replace(&serviceType_, text); }
 void TSLMetadata::setServiceName(const char* text) { Replace(&serviceName_, text); }
 void TSLMetadata::setServiceStatus(const char* text) { Replace(&serviceStatus_, text); }
 void TSLMetadata::setStatusStartingTime(const char* text) { Replace(&statusStartingTime_, text); }
-char* TSLMetadata::getServiceType() const { return CopyText(serviceType_); }
-char* TSLMetadata::getServiceName() const { return CopyText(serviceName_); }
-char* TSLMetadata::getServiceStatus() const { return CopyText(serviceStatus_); }
-char* TSLMetadata::getStatusStartingTime() const { return CopyText(statusStartingTime_); }
+char* TSLMetadata::getServiceType() const { return quillon::tsl::MallocText(serviceType_); }
+char* TSLMetadata::getServiceName() const { return quillon::tsl::MallocText(serviceName_); }
+char* TSLMetadata::getServiceStatus() const { return quillon::tsl::MallocText(serviceStatus_); }
+char* TSLMetadata::getStatusStartingTime() const { return quillon::tsl::MallocText(statusStartingTime_); }
 
 void TSLMetadata::setHistory(TSLMetadata* next) {
   if (next == history_) return;

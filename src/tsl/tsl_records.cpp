@@ -1,5 +1,7 @@
 #include "tsl/tsl_records.h"
 
+#include "tsl/malloc_text.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -31,15 +33,6 @@ bool ReadOptionalText(Parser* p, der::Tag tag, std::optional<std::string>* out) 
   if (std::memchr(v.data(), 0, v.size()) != nullptr) return false;
   *out = std::string(v.AsStringView());
   return true;
-}
-
-char* MallocText(const char* text) {
-  if (!text) return nullptr;
-  const size_t n = std::strlen(text);
-  char* out = static_cast<char*>(std::malloc(n + 1));
-  if (!out) throw std::bad_alloc();
-  std::memcpy(out, text, n + 1);
-  return out;
 }
 
 template <class T>

@@ -17,6 +17,7 @@
 #include "pki/name_der.h"
 #include "quillon32/quillon32.h"
 
+using quillon::api::AsCache;
 using quillon::api::CacheContext;
 using quillon::api::Guarded;
 using quillon::api::GuardedVoid;
@@ -27,7 +28,6 @@ using quillon::castore::CaStore;
 
 namespace {
 
-CacheContext* AsCache(void* ctx) { return static_cast<CacheContext*>(ctx); }
 
 // Runs |body| on the CA table under its guard.
 template <class F>

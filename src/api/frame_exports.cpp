@@ -13,12 +13,12 @@ using quillon::api::CacheContext;
 using quillon::api::Guarded;
 using quillon::api::GuardedVoid;
 using quillon::api::Library;
+using quillon::api::AsCache;
+using quillon::api::AsOcsp;
 using quillon::api::OcspContext;
 
 namespace {
 
-CacheContext* AsCache(void* ctx) { return static_cast<CacheContext*>(ctx); }
-OcspContext* AsOcsp(void* ctx) { return static_cast<OcspContext*>(ctx); }
 
 template <size_t N>
 void CopyCurlFile(std::array<char, N>* field, const char* file) {

@@ -153,6 +153,10 @@ struct OcspContext {
   ~OcspContext();
 };
 
+// The contexts behind the opaque handles callers hold.
+inline CacheContext* AsCache(void* ctx) { return static_cast<CacheContext*>(ctx); }
+inline OcspContext* AsOcsp(void* ctx) { return static_cast<OcspContext*>(ctx); }
+
 // Writing catalogue texts through a context's logger, in the current language.
 void Log(const Logger* logger, uint8_t level, unsigned long code);
 void LogText(const Logger* logger, uint8_t level, unsigned long code, const char* argument);

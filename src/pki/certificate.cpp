@@ -153,43 +153,27 @@ struct Certificate::Impl {
   // The to-be-signed bytes as received, kept only when the input was not DER.
   std::vector<uint8_t> received_tbs;
 
-  // Views into src.bytes, set by Parse().
-  Input tbs, sig_alg, sig_value, issuer_raw, subject_raw, spki, public_key, key_alg_oid;
-  uint8_t sig_unused_bits = 0;
-  int version = 1;
+  // What the certificate reader found: views into src.bytes.
+  pki::CertificateParts parts;
   BigInteger serial;
   Name issuer, subject;
-  X500Time not_before, not_after;
   std::vector<Extension> extensions;
 
   // The checks are all made by the one certificate reader; what is left is
   // materialising what it found.
   bool Parse() {
-    pki::CertificateParts parts;
     return pki::ReadCertificateParts(
                Input(src.bytes), src.was_strict ? pki::DerKnown::kStrict : pki::DerKnown::kRewritten,
                &parts) &&
-           Materialise(parts);
+           Materialise();
   }
 
-  // |parts| are views into src.bytes.
-  bool Materialise(const pki::CertificateParts& parts) {
-    tbs = parts.tbs;
-    sig_alg = parts.sig_alg;
-    sig_value = parts.sig_value;
-    sig_unused_bits = parts.sig_unused_bits;
-    version = parts.version;
-    issuer_raw = parts.issuer;
-    subject_raw = parts.subject;
-    spki = parts.spki;
-    public_key = parts.public_key;
-    key_alg_oid = parts.key_alg_oid;
-    not_before = parts.not_before;
-    not_after = parts.not_after;
+  // Makes the objects from |parts|.
+  bool Materialise() {
     extensions.clear();
     return serial.fromDerContent(parts.serial_content.data(), parts.serial_content.size()) &&
-           issuer.decode(issuer_raw.data(), issuer_raw.size()) &&
-           subject.decode(subject_raw.data(), subject_raw.size()) &&
+           issuer.decode(parts.issuer.data(), parts.issuer.size()) &&
+           subject.decode(parts.subject.data(), parts.subject.size()) &&
            (!parts.has_extensions || pki::ParseExtensions(parts.extensions, &extensions));
   }
 };
@@ -201,10 +185,10 @@ Certificate& Certificate::operator=(Certificate&&) noexcept = default;
 
 Certificate::Certificate(const Certificate& other) {
   if (other.impl_) {
-    auto copy = std::make_unique<Impl>();
-    copy->src = other.impl_->src;
-    copy->received_tbs = other.impl_->received_tbs;
-    if (copy->Parse()) impl_ = std::move(copy);
+    // The objects are copied as they are; the views move onto the copy's bytes.
+    auto copy = std::make_unique<Impl>(*other.impl_);
+    pki::MoveCertificateParts(&copy->parts, other.impl_->src.bytes.data(), copy->src.bytes.data());
+    impl_ = std::move(copy);
   }
 }
 
@@ -221,13 +205,12 @@ bool Certificate::decode(const unsigned char* bytes, size_t length) {
   if (!bytes || length == 0) return false;
   auto impl = std::make_unique<Impl>();
   const Input input(bytes, length);
-  pki::CertificateParts parts;
-  if (pki::ReadCertificateParts(input, pki::DerKnown::kUnchecked, &parts)) {
+  if (pki::ReadCertificateParts(input, pki::DerKnown::kUnchecked, &impl->parts)) {
     // Strict DER, read once: keep a copy and the views moved onto it.
     impl->src.bytes.assign(bytes, bytes + length);
     impl->src.was_strict = true;
-    pki::MoveCertificateParts(&parts, bytes, impl->src.bytes.data());
-    if (!impl->Materialise(parts)) return false;
+    pki::MoveCertificateParts(&impl->parts, bytes, impl->src.bytes.data());
+    if (!impl->Materialise()) return false;
     impl_ = std::move(impl);
     return true;
   }
@@ -275,29 +258,29 @@ ByteView Certificate::der() const {
 
 bool Certificate::isStrictDER() const { return impl_ && impl_->src.was_strict; }
 
-int Certificate::version() const { return impl_ ? impl_->version : 0; }
+int Certificate::version() const { return impl_ ? impl_->parts.version : 0; }
 const BigInteger& Certificate::serialNumber() const { return impl_ ? impl_->serial : pki::ZeroInteger(); }
 const Name& Certificate::issuer() const { return impl_ ? impl_->issuer : pki::EmptyName(); }
 const Name& Certificate::subject() const { return impl_ ? impl_->subject : pki::EmptyName(); }
-const X500Time& Certificate::notBefore() const { return impl_ ? impl_->not_before : pki::NoTime(); }
-const X500Time& Certificate::notAfter() const { return impl_ ? impl_->not_after : pki::NoTime(); }
+const X500Time& Certificate::notBefore() const { return impl_ ? impl_->parts.not_before : pki::NoTime(); }
+const X500Time& Certificate::notAfter() const { return impl_ ? impl_->parts.not_after : pki::NoTime(); }
 
 ByteView Certificate::tbsCertificate() const {
   if (!impl_) return {};
   if (!impl_->received_tbs.empty())
     return ByteView{impl_->received_tbs.data(), impl_->received_tbs.size()};
-  return pki::ToView(impl_->tbs);
+  return pki::ToView(impl_->parts.tbs);
 }
-ByteView Certificate::signatureAlgorithm() const { return impl_ ? pki::ToView(impl_->sig_alg) : ByteView{}; }
-ByteView Certificate::signatureValue() const { return impl_ ? pki::ToView(impl_->sig_value) : ByteView{}; }
-int Certificate::signatureUnusedBits() const { return impl_ ? impl_->sig_unused_bits : 0; }
-ByteView Certificate::issuerBytes() const { return impl_ ? pki::ToView(impl_->issuer_raw) : ByteView{}; }
-ByteView Certificate::subjectBytes() const { return impl_ ? pki::ToView(impl_->subject_raw) : ByteView{}; }
-ByteView Certificate::subjectPublicKeyInfo() const { return impl_ ? pki::ToView(impl_->spki) : ByteView{}; }
-ByteView Certificate::subjectPublicKey() const { return impl_ ? pki::ToView(impl_->public_key) : ByteView{}; }
+ByteView Certificate::signatureAlgorithm() const { return impl_ ? pki::ToView(impl_->parts.sig_alg) : ByteView{}; }
+ByteView Certificate::signatureValue() const { return impl_ ? pki::ToView(impl_->parts.sig_value) : ByteView{}; }
+int Certificate::signatureUnusedBits() const { return impl_ ? impl_->parts.sig_unused_bits : 0; }
+ByteView Certificate::issuerBytes() const { return impl_ ? pki::ToView(impl_->parts.issuer) : ByteView{}; }
+ByteView Certificate::subjectBytes() const { return impl_ ? pki::ToView(impl_->parts.subject) : ByteView{}; }
+ByteView Certificate::subjectPublicKeyInfo() const { return impl_ ? pki::ToView(impl_->parts.spki) : ByteView{}; }
+ByteView Certificate::subjectPublicKey() const { return impl_ ? pki::ToView(impl_->parts.public_key) : ByteView{}; }
 
 std::string Certificate::publicKeyAlgorithm() const {
-  return impl_ ? pki::OidText(impl_->key_alg_oid) : std::string();
+  return impl_ ? pki::OidText(impl_->parts.key_alg_oid) : std::string();
 }
 
 const std::vector<Extension>& Certificate::extensions() const {

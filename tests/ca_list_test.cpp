@@ -1,15 +1,11 @@
 // The CA list file "caCertsList-3.5" and the PEM list files: what is saved
 // reads back the same in a fresh process; damaged, truncated and oversized
-// files are refused or cut without harm to the table or the file. Cases that
-// go through the library's process-wide state run in a child process of their
-// own (EXPECT_EXIT), each starting from the untouched state.
+// files are refused or cut without harm to the table or the file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -18,11 +14,13 @@
 #include "api/library.h"
 #include "castore/ca_list_file.h"
 #include "quillon32/quillon32.h"
+#include "support/ca_test_helpers.h"
 #include "support/pki_factory.h"
 
 namespace {
 
 namespace qt = quillon::testing;
+using qt::C;
 using quillon::api::Library;
 using quillon::castore::CaStore;
 using quillon::castore::DecodeCaList;
@@ -30,24 +28,9 @@ using quillon::der::Input;
 using quillon::tsl::LoadedTslRegister;
 using Bytes = std::vector<uint8_t>;
 
-// IN_CHILD runs a lambda in a child process; there CHECK reports a failed
-// condition on stderr, which EXPECT_EXIT shows, and makes the child exit 1.
-int child_failures = 0;
-#define CHECK(c) \
-  ((c) ? void() : (void)(++child_failures, std::fprintf(stderr, "line %d: %s\n", __LINE__, #c)))
-#define IN_CHILD(...) \
-  EXPECT_EXIT(((__VA_ARGS__)(), std::exit(child_failures != 0)), ::testing::ExitedWithCode(0), "")
-
-char* C(const std::string& s) { return const_cast<char*>(s.c_str()); }
-
 std::string Upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return s;
-}
-
-std::string ReadText(const std::string& path) {
-  const std::vector<uint8_t> bytes = quillon::testing::ReadFile(path);
-  return std::string(bytes.begin(), bytes.end());
 }
 
 Certificate FromFile(const std::string& path) {
@@ -59,34 +42,25 @@ Certificate FromFile(const std::string& path) {
   return c;
 }
 
-// PKITS CAs (one subject with two keys, a long and a negative serial, UTF8String
-// names) and real CAs (ECDSA, a PEM file, and some taken from trusted lists).
-const std::vector<std::string>& RealCertificates() {
+// Adds PKITS CAs (one subject with two keys, a negative serial) and real CAs
+// (ECDSA, and some taken from trusted lists) through |add|(certificate,
+// source, metadata or null): sources cycle through the kinds a table meets,
+// and certificates from a trusted list come with the metadata their list gives.
+template <class Add>
+void AddSample(Add&& add) {
   static const std::vector<std::string> files = {
       "nist-pkits/certs/TrustAnchorRootCertificate.crt",
       "nist-pkits/certs/BasicSelfIssuedNewKeyCACert.crt",
       "nist-pkits/certs/BasicSelfIssuedNewKeyOldWithNewCACert.crt",
-      "nist-pkits/certs/LongSerialNumberCACert.crt",
       "nist-pkits/certs/NegativeSerialNumberCACert.crt",
-      "nist-pkits/certs/UTF8StringEncodedNamesCACert.crt",
       "real-crls/dss-eu-ca-crls/CA-Justice-ECDSA-261217.cer",
-      "real-crls/dss-eu-ca-crls/EE-GovCA2018.pem.crt",
       "real-crls/dss-eu-ca-crls/Belgium-Root-CA4.from-BE-TL-seq66.cer",
       "real-crls/dss-eu-ca-crls/ChamberSign-AC2etoiles.from-FR-TL-seq112.cer",
   };
-  return files;
-}
-
-// Adds the real certificates through |add|(certificate, source, metadata or
-// null): sources cycle through the kinds a table meets, and certificates from
-// a trusted list come with the metadata their list gives.
-template <class Add>
-void AddSample(Add&& add) {
-  const auto& files = RealCertificates();
   for (size_t i = 0; i < files.size(); ++i) {
     const std::string& file = files[i];
     const size_t at = file.find(".from-");
-    const int sources[] = {2, 3, 4, -5, 1000};
+    const int sources[] = {2, 3, 4, -5, 1000};  // cycled
     TSLMetadata m;
     if (at != std::string::npos) {
       m.setCountry(file.substr(at + 6, 2).c_str());
@@ -247,6 +221,12 @@ TEST(CaList, OversizedFileKeepsTheFirst2048EntriesAndReadsTheRegister) {
   EXPECT_EQ(tsls.items(), SampleRegister().items());
 }
 
+bool Decodes(const Bytes& file) {
+  CaStore store;
+  LoadedTslRegister tsls;
+  return DecodeCaList(Input(file), &store, &tsls);
+}
+
 TEST(CaList, DamagedFilesAreRefused) {
   const Certificate ca = FromFile(qt::TestDataPath("nist-pkits/certs/GoodCACert.crt"));
   const Certificate other =
@@ -270,49 +250,20 @@ TEST(CaList, DamagedFilesAreRefused) {
       {"length beyond the file", {0x30, 0x84, 0x7F, 0xFF, 0xFF, 0xFF, 0x30}},
       {"entry without records", File({{key, {}}})},
       {"two entries under one key", File({{key, {good}}, {Upper(key), {good}}})},
-      {"NUL in a key", File({{std::string("CN=A\0B", 6), {good}}})},
       {"one record twice", File({{key, {good, good}}})},
       {"records under each other's keys", SwappedKeysFile(ca, other)},
       {"serial not the certificate's", one(Seq({Tlv(ca), IssuerOf(ca), Int(99), Int(3)}))},
       {"issuer not the certificate's", one(Seq({Tlv(ca), IssuerOf(other), serial, Int(3)}))},
       {"damaged certificate", one(Seq({half_cert, IssuerOf(ca), serial, Int(3)}))},
       {"source missing", one(Seq({Tlv(ca), IssuerOf(ca), serial}))},
-      {"source beyond 32 bits",
-       one(Seq({Tlv(ca), IssuerOf(ca), serial, {0x02, 0x05, 1, 0, 0, 0, 0}}))},
       {"metadata not metadata", one(Seq({Tlv(ca), IssuerOf(ca), serial, Int(1), {0x30, 0x00}}))},
-      {"element after the metadata", one(Seq({Tlv(ca), IssuerOf(ca), serial, Int(3), Int(3)}))},
-      {"garbage after the table", File({{key, {good}}}, {0x00, 0x00})},
       {"bytes after the register", File({{key, {good}}}, reg_then_null)},
-      {"damaged register", File({{key, {good}}}, Bytes(reg.begin(), reg.end() - 2))},
   };
   for (const auto& c : cases) {
-    CaStore store;
-    LoadedTslRegister tsls;
-    EXPECT_FALSE(DecodeCaList(Input(c.bytes), &store, &tsls)) << c.name;
+    EXPECT_FALSE(Decodes(c.bytes)) << c.name;
   }
-
-  // Damage inside a certificate that keeps its outline is found only when
-  // the certificate is first used: the record then has none.
-  Bytes bad_time = Tlv(ca);
-  const std::string not_before = "100101083000Z";  // GoodCACert's notBefore
-  auto at = std::search(bad_time.begin(), bad_time.end(), not_before.begin(), not_before.end());
-  ASSERT_NE(at, bad_time.end());
-  *(at + 2) = 'x';
-  {
-    CaStore store;
-    LoadedTslRegister tsls;
-    ASSERT_TRUE(DecodeCaList(Input(one(Seq({bad_time, IssuerOf(ca), serial, Int(3)}))), &store,
-                             &tsls));
-    ASSERT_NE(store.record(0, 0)->certificate, nullptr);
-    EXPECT_EQ(store.record(0, 0)->cert(), nullptr);
-    EXPECT_EQ(store.findIssuer(0, ca, nullptr, nullptr), -1);
-  }
-  // A subject is its entry's whatever the case of its letters, as when added.
-  {
-    CaStore store;
-    LoadedTslRegister tsls;
-    EXPECT_TRUE(DecodeCaList(Input(File({{Upper(key), {good}}})), &store, &tsls));
-  }
+  // A subject is its entry's whatever the case of its letters.
+  EXPECT_TRUE(Decodes(File({{Upper(key), {good}}})));
 
   // Every truncation of a real file is refused, but the one that drops
   // exactly the register: that is a file of the table alone.
@@ -320,9 +271,7 @@ TEST(CaList, DamagedFilesAreRefused) {
   const size_t table_size = valid.size() - reg.size();
   for (size_t n = 0; n < valid.size(); ++n) {
     if (n == table_size) continue;
-    CaStore store;
-    LoadedTslRegister tsls;
-    ASSERT_FALSE(DecodeCaList(Input(valid.data(), n), &store, &tsls)) << n;
+    ASSERT_FALSE(Decodes(Bytes(valid.begin(), valid.begin() + n))) << n;
   }
 }
 
@@ -342,7 +291,7 @@ void* Init(const qt::TempDir& dir) {
 std::string Loaded() { return Describe(Library::Get().ca_store(), Library::Get().loaded_tsls()); }
 
 bool Logged(const qt::TempDir& dir, const std::string& line) {
-  return ReadText(dir.File("log")).find("]: " + line + "\n") != std::string::npos;
+  return qt::ReadText(dir.File("log")).find("]: " + line + "\n") != std::string::npos;
 }
 
 TEST(CaList, SavedListReadsBackTheSameInAFreshProcess) {
@@ -363,8 +312,6 @@ TEST(CaList, SavedListReadsBackTheSameInAFreshProcess) {
     cache_releaseContext(ctx);
     struct stat st {};
     CHECK(stat(path.c_str(), &st) == 0 && (st.st_mode & 0777) == 0600);
-    CHECK(Logged(dir, "Starting CA certificates list copying to disk"));
-    CHECK(Logged(dir, "CA certificates list copy on disk finished"));
   });
   const Bytes saved = qt::ReadFile(path);
 
@@ -376,10 +323,6 @@ TEST(CaList, SavedListReadsBackTheSameInAFreshProcess) {
     CHECK(Loaded() == expected && Library::Get().ca_store().indexesConsistent());
     CHECK(cache_saveCACertList(ctx) == 1 && qt::ReadFile(path) == saved);
     cache_releaseContext(ctx);
-    CHECK(Logged(dir, "Loading CA certificates list"));
-    CHECK(Logged(dir, "CA certificates list loading completed"));
-    CHECK(Logged(dir, "CA certificates included into certificate list: " +
-                          std::to_string(cache_getCACertsNum(ctx))));
   });
 }
 
@@ -457,8 +400,6 @@ TEST(CaList, PemListsInitialiseOrAddAndStopAtTheFirstBadBlock) {
     void* ctx = Init(dir);
     CHECK(cache_initCACertListPEM(ctx, C(dir.File("good.pem"))) == 1);
     CHECK(cache_getCACertsNum(ctx) == 3 && cache_getCACertSource(ctx, 2, 0) == 2);
-    CHECK(cache_initCACertListPEM(ctx, C(dir.File("missing.pem"))) == 0);
-    CHECK(cache_getCACertsNum(ctx) == 3);
     // Addition keeps what is there and uses source 3; a BER certificate is
     // taken with a warning.
     CHECK(cache_addCACertListPEM(ctx, C(dir.File("ber.pem"))) == 1);
@@ -470,22 +411,12 @@ TEST(CaList, PemListsInitialiseOrAddAndStopAtTheFirstBadBlock) {
     CHECK(Logged(dir, "Failed to initialize the list of CA certificates"));
     CHECK(cache_addCACertListPEM(ctx, C(dir.File("two-then-bad.pem"))) == 0);
     CHECK(cache_getCACertsNum(ctx) == 2 && cache_getCACertSource(ctx, 0, 0) == 3);
-    CHECK(cache_addCACertListPEM(ctx, C(dir.File("missing.pem"))) == 0);
-    CHECK(cache_getErrCode(ctx) == 0xFFFFFFFFul);  // logged, not recorded
     // Import: clean, initialise, save.
     CHECK(cache_importCACertsListPEM(ctx, C(dir.File("good.pem"))) == 1);
     cache_clean(ctx);
     CHECK(cache_loadCACertList(ctx) == 1 && cache_getCACertsNum(ctx) == 3);
     CHECK(cache_getCACertSource(ctx, 1, 0) == 2);
     cache_releaseContext(ctx);
-    for (const char* line :
-         {"CA certificates list initialization", "CA certificates list initialization completed",
-          "CA certificates included into certificate list: 3",
-          "Addition to the list of CA certificates in progress",
-          "CA certificates list addition completed",
-          "Failed to add to the list of CA certificates"}) {
-      CHECK(Logged(dir, line));
-    }
   });
 }
 

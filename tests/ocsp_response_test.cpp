@@ -185,52 +185,39 @@ TEST(OcspResponse, BoringSslCasesDecodeAndRebuildTheirRequests) {
   EXPECT_EQ(checked, 36);
 }
 
-// Made here: a delegated responder named by key, a nonce, and single
-// responses unknown and revoked with a reason and invalidityDate, which the
-// real responses lack.
+// Made here: a responder named by key, a nonce, and single responses unknown
+// and revoked with a reason and invalidityDate, which the real ones lack.
 TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
   const qt::Pki pki = qt::MakePki(qt::KeyType::kEcP256);
-  const qt::Key responder_key = qt::MakeKey(qt::KeyType::kEcP256);
-  const qt::X509Ptr responder =
-      qt::MakeOcspResponderCert(pki.intermediate.get(), pki.intermediateKey, responder_key);
   const time_t produced = qt::UtcTime(2024, 5, 1, 12), revoked = qt::UtcTime(2023, 2, 3, 4, 5, 6);
   const time_t invalid = qt::UtcTime(2023, 1, 1);
-  const qt::OcspSpec made{
-      .responses = {{.issuerCert = pki.intermediate.get(),
-                     .serial = qt::Serial::FromHex("00F1E2D3C4B5A6978800"),
-                     .status = qt::CertStatus::kRevoked,
-                     .revocationTime = revoked,
-                     .reason = qt::kReasonAaCompromise,
-                     .thisUpdate = produced - 60,
-                     .nextUpdate = std::nullopt,
-                     .invalidityDate = invalid},
-                    {.issuerCert = pki.intermediate.get(),
-                     .serial = 7,
-                     .status = qt::CertStatus::kUnknown,
-                     .thisUpdate = produced - 60,
-                     .nextUpdate = produced + 86400}},
-      .producedAt = produced,
-      .signerCert = responder.get(),
-      .signerKey = responder_key,
-      .responderId = qt::ResponderIdType::kByKey,
-      .certs = {responder.get()},
-      .nonce = Bytes{1, 2, 3, 4}};
-  const Bytes der = qt::MakeOcspDer(made);
+  const Bytes der = qt::MakeOcspDer(
+      {.responses = {{.issuerCert = pki.intermediate.get(),
+                      .status = qt::CertStatus::kRevoked,
+                      .revocationTime = revoked,
+                      .reason = qt::kReasonAaCompromise,
+                      .thisUpdate = produced - 60,
+                      .nextUpdate = std::nullopt,
+                      .invalidityDate = invalid},
+                     {.issuerCert = pki.intermediate.get(),
+                      .serial = 7,
+                      .status = qt::CertStatus::kUnknown,
+                      .thisUpdate = produced - 60,
+                      .nextUpdate = produced + 86400}},
+       .producedAt = produced,
+       .signerCert = pki.intermediate.get(),
+       .signerKey = pki.intermediateKey,
+       .responderId = qt::ResponderIdType::kByKey,
+       .nonce = Bytes{1, 2, 3, 4}});
   OCSPResponse r;
   BasicOCSPResponse b;
   ASSERT_TRUE(DecodeBasic(der, &r, &b));
   EXPECT_EQ(r.encode(), der);
-  EXPECT_TRUE(VerifiesWith(b, responder_key));
-  EXPECT_EQ(b.producedAt().seconds(), produced);
+  EXPECT_TRUE(VerifiesWith(b, pki.intermediateKey));
   EXPECT_NE(b.responseExtension("1.3.6.1.5.5.7.48.1.2"), nullptr);
-  EXPECT_EQ(b.responderIDType(), BasicOCSPResponse::kByKey);
-  EXPECT_EQ(ToBytes(b.responderKeyHash()), qt::KeyIdentifier(responder_key));
-  ASSERT_EQ(b.certs().size(), 1u);
-  EXPECT_EQ(b.certs()[0].encode(), qt::Der(responder.get()));
+  EXPECT_EQ(ToBytes(b.responderKeyHash()), qt::KeyIdentifier(pki.intermediateKey));
   ASSERT_EQ(b.responses().size(), 2u);
   const OCSPSingleResponse &first = b.responses()[0], &second = b.responses()[1];
-  EXPECT_EQ(first.certID.serialNumber.toHex(), "F1E2D3C4B5A6978800");
-  EXPECT_EQ(first.certID.issuerKeyHash, qt::KeyIdentifier(pki.intermediateKey));
   EXPECT_EQ(first.certStatus, OCSPSingleResponse::kRevoked);
   EXPECT_EQ(first.revocationTime.seconds(), revoked);
   EXPECT_EQ(first.revocationReason, 10);
@@ -239,31 +226,28 @@ TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
   X500Time invalidity;
   ASSERT_TRUE(e && invalidity.decode(e->value.data(), e->value.size()));
   EXPECT_EQ(invalidity.seconds(), invalid);
-  EXPECT_EQ(second.certID.serialNumber, BigInteger(7));
   EXPECT_EQ(second.certStatus, OCSPSingleResponse::kUnknown);
-  EXPECT_TRUE(second.revocationTime.isNoTime());
   EXPECT_EQ(second.nextUpdate.seconds(), produced + 86400);
 }
 
-// A BasicOCSPResponse, hand-built, with one part replaced by |variant| (the
-// signature is not a real one).
+// A hand-built BasicOCSPResponse with one revoked SingleResponse, altered as
+// |variant| says (the signature is not a real one).
 Bytes HandBuiltBasic(const std::string& variant) {
   qt::DerWriter w;
   w.Begin(tag::kSequence);
   w.Begin(tag::kSequence);  // ResponseData
-  if (variant.starts_with("version")) {
+  if (variant == "version v2") {
     w.Begin(tag::CtxCons(0));
-    w.Integer(variant == "version v2" ? 1 : 0);
+    w.Integer(1);
     w.End();
   }
-  w.Begin(tag::CtxCons(variant == "responderID [3]" ? 3 : 2));
+  w.Begin(tag::CtxCons(2));
   w.OctetString(Bytes(20, 0x11));
   w.End();
   w.GeneralizedTime(1700000000);
   w.Begin(tag::kSequence);  // responses
   w.Begin(tag::kSequence);  // SingleResponse
-  // CertID { sha1, name hash, key hash, serial 5 }
-  w.Begin(tag::kSequence);
+  w.Begin(tag::kSequence);  // CertID { sha1, name hash, key hash, serial 5 }
   w.Begin(tag::kSequence);
   w.Oid("1.3.14.3.2.26");
   w.End();
@@ -271,29 +255,16 @@ Bytes HandBuiltBasic(const std::string& variant) {
   w.OctetString(Bytes(20, 0x33));
   w.Integer(5);
   w.End();
-  if (variant == "certStatus [3]") {
-    w.Tlv(tag::Ctx(3), Bytes{});
-  } else if (variant.starts_with("reason")) {
-    w.Begin(tag::CtxCons(1));
-    w.GeneralizedTime(1600000000);
-    w.Begin(tag::CtxCons(0));
-    w.Enumerated(variant == "reason 7" ? 7 : 1);
-    w.End();
-    w.End();
-  } else {
-    w.Tlv(tag::Ctx(0), Bytes{});
-  }
+  w.Begin(tag::CtxCons(variant == "certStatus [3]" ? 3 : 1));
+  w.GeneralizedTime(1600000000);
+  w.Begin(tag::CtxCons(0));
+  w.Enumerated(variant == "reason 7" ? 7 : 1);
+  w.End();
+  w.End();
   w.GeneralizedTime(1699990000);
-  if (variant == "nextUpdate implicit") {
-    w.Tlv(tag::Ctx(0), std::string_view("20231201000000Z"));
-  } else {
-    w.Begin(tag::CtxCons(0));
-    w.GeneralizedTime(1701000000);
-    w.End();
-  }
   w.End();  // SingleResponse
   w.End();  // responses
-  if (variant == "trailing element in ResponseData") w.Null();
+  if (variant == "trailing element") w.Null();
   w.End();  // ResponseData
   w.Begin(tag::kSequence);
   w.Oid("1.2.840.10045.4.3.2");
@@ -303,29 +274,17 @@ Bytes HandBuiltBasic(const std::string& variant) {
   return w.Take();
 }
 
+// Reason 7 is outside CRLReason: revoked, with no reason.
 TEST(OcspResponse, MalformedBasicResponsesFail) {
-  const std::pair<const char*, bool> kCases[] = {
-      {"", true},
-      {"version v1", true},  // written although DEFAULT: common, accepted
-      {"reason 1", true},
-      {"version v2", false},
-      {"responderID [3]", false},
-      {"certStatus [3]", false},
-      {"reason 7", true},  // outside CRLReason: revoked, no reason
-      {"nextUpdate implicit", false},
-      {"trailing element in ResponseData", false},
-  };
-  for (const auto& [variant, decodes] : kCases) {
+  const std::pair<const char*, int> kCases[] = {  // variant, reason read (0: fails)
+      {"", 1}, {"reason 7", -1}, {"version v2", 0}, {"certStatus [3]", 0}, {"trailing element", 0}};
+  for (const auto& [variant, reason] : kCases) {
     const Bytes der = HandBuiltBasic(variant);
     BasicOCSPResponse b;
-    EXPECT_EQ(b.decode(der.data(), der.size()), decodes) << variant;
-    EXPECT_EQ(b.encode().empty(), !decodes) << variant;
-    if (std::string(variant) == "reason 7") {
-      EXPECT_EQ(b.responses()[0].revocationReason, -1);
-    }
-    if (std::string(variant) == "reason 1") {
-      EXPECT_EQ(b.responses()[0].revocationReason, 1);
-      EXPECT_EQ(b.responses()[0].revocationTime.seconds(), 1600000000);
+    ASSERT_EQ(b.decode(der.data(), der.size()), reason != 0) << variant;
+    EXPECT_EQ(b.encode().empty(), reason == 0) << variant;
+    if (reason) {
+      EXPECT_EQ(b.responses()[0].revocationReason, reason) << variant;
     }
   }
 }
@@ -341,10 +300,7 @@ TEST(OcspResponse, MalformedEnvelopesFail) {
   const std::pair<const char*, Bytes> kCases[] = {
       {"trailing byte", trailing},
       {"status 4 (unused)", {0x30, 0x03, 0x0A, 0x01, 0x04}},
-      {"status 7", {0x30, 0x03, 0x0A, 0x01, 0x07}},
       {"status as INTEGER", {0x30, 0x03, 0x02, 0x01, 0x03}},
-      {"responseBytes without response",
-       {0x30, 0x0B, 0x0A, 0x01, 0x00, 0xA0, 0x06, 0x30, 0x04, 0x06, 0x02, 0x2B, 0x06}},
       {"responseBytes not explicit",
        {0x30, 0x0B, 0x0A, 0x01, 0x00, 0x80, 0x06, 0x30, 0x04, 0x06, 0x02, 0x2B, 0x06}},
   };

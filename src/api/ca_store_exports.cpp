@@ -268,7 +268,9 @@ unsigned char cache_trustedCA(void*, unsigned char* der, unsigned long length) {
     // No signature is checked. Only the issuer's text is needed, so the
     // certificate is checked as decoding it would check it, and its issuer
     // printed from its bytes, without making the objects.
-    std::string key;
+    // The key's storage is kept per thread: callers ask this for every
+    // certificate they check, and the text is rarely longer than before.
+    static thread_local std::string key;
     if (!quillon::pki::PeekCertificateIssuerText(quillon::der::Input(der, length), &key)) return 0;
     return WithStore([&](const CaStore& store) { return store.findEntry(key) >= 0 ? 1 : 0; });
   });

@@ -251,33 +251,24 @@ bool ForEachArc(Input v, F&& arc_fn) {
 
 }  // namespace
 
-bool IsValidOid(Input v) {
-  // Arcs of at most eight octets (56 bits) cannot overflow, so for them
-  // validity is: no arc starts with 0x80 and the last octet ends an arc.
-  // An OID with a longer arc is walked in full.
+namespace detail {
+
+bool IsValidLongOid(Input v) {
   if (v.empty() || v.size() > 1024 || (v[v.size() - 1] & 0x80)) return false;
-  if (v.size() <= 8) {
-    // Most OIDs: all octets in one word, checked at once. An arc starts at
-    // the first octet and after every octet without the high bit.
-    constexpr uint64_t kHigh = 0x8080808080808080ull, kLow = 0x7F7F7F7F7F7F7F7Full;
-    uint64_t x = 0;
-    for (size_t i = 0; i < v.size(); ++i) x |= static_cast<uint64_t>(v[i]) << (8 * i);
-    const uint64_t y = x ^ kHigh;                         // zero octets where x has 0x80
-    const uint64_t not_80 = (((y & kLow) + kLow) | y) & kHigh;
-    const uint64_t starts = ~(x << 8) & kHigh;
-    return (~not_80 & kHigh & starts) == 0;
-  }
   size_t continued = 0;
   for (const uint8_t b : v) {
     if (continued == 0 && b == 0x80) return false;  // non-minimal arc
     if (!(b & 0x80)) {
       continued = 0;
     } else if (++continued == 8) {
+      // An arc that may pass 64 bits: walked in full.
       return ForEachArc(v, [](uint64_t) {});
     }
   }
   return true;
 }
+
+}  // namespace detail
 
 bool OidToText(Input v, std::string* out) {
   out->clear();

@@ -207,7 +207,7 @@ void AppendHeader(Tag tag, size_t content_length, std::vector<uint8_t>* out);
 // (empty, truncated arc, non-minimal arc, arc beyond 64 bits).
 [[nodiscard]] bool OidToText(Input content, std::string* out);
 // True exactly when OidToText() would succeed; checks without allocating.
-[[nodiscard]] bool IsValidOid(Input content);
+[[nodiscard]] inline bool IsValidOid(Input content);
 // Content octets of a dotted OID; false when malformed.
 [[nodiscard]] bool OidFromText(std::string_view dotted, std::vector<uint8_t>* content);
 
@@ -295,7 +295,63 @@ namespace detail {
   return true;
 }
 
+// The element at p[*at..end) in DER when its identifier is the single octet
+// |tag_octet| (a universal or context tag below 31): its content starts at
+// the new *at and has *len octets, all before |end|. What Parser::Read in
+// DER mode with default limits accepts, without a Parser: the walks over
+// names and extensions run this some dozens of times per certificate.
+[[gnu::always_inline]] inline bool ReadDerElement(const uint8_t* p, size_t end, size_t* at,
+                                                  uint8_t tag_octet, size_t* len) {
+  size_t i = *at;
+  if (end - i < 2 || p[i] != tag_octet) return false;
+  const uint8_t l0 = p[i + 1];
+  i += 2;
+  size_t n = l0;
+  if (l0 >= 0x80) {
+    const size_t count = l0 & 0x7F;
+    if (count == 0 || count > 4 || end - i < count || p[i] == 0) return false;
+    n = 0;
+    for (size_t k = 0; k < count; ++k) n = (n << 8) | p[i++];
+    if (n < 0x80 || n > Limits{}.max_element_size) return false;
+  }
+  if (n > end - i) return false;
+  *at = i;
+  *len = n;
+  return true;
+}
+
+// Arcs of an OID: checked in full, for OIDs of over eight octets.
+bool IsValidLongOid(Input content);
+
 }  // namespace detail
+
+inline bool IsValidOid(Input v) {
+  // Arcs of at most eight octets (56 bits) cannot overflow, so for OIDs of
+  // at most eight octets (nearly all) validity is: no arc starts with 0x80
+  // and the last octet ends an arc; checked on all octets at once in one
+  // word. An arc starts at the first octet and after every octet without
+  // the high bit.
+  const size_t n = v.size();
+  if (n == 0 || n > 8) return detail::IsValidLongOid(v);
+  const uint8_t* d = v.data();
+  uint64_t x = 0;
+  switch (n) {
+    case 8: x |= static_cast<uint64_t>(d[7]) << 56; [[fallthrough]];
+    case 7: x |= static_cast<uint64_t>(d[6]) << 48; [[fallthrough]];
+    case 6: x |= static_cast<uint64_t>(d[5]) << 40; [[fallthrough]];
+    case 5: x |= static_cast<uint64_t>(d[4]) << 32; [[fallthrough]];
+    case 4: x |= static_cast<uint64_t>(d[3]) << 24; [[fallthrough]];
+    case 3: x |= static_cast<uint64_t>(d[2]) << 16; [[fallthrough]];
+    case 2: x |= static_cast<uint64_t>(d[1]) << 8; [[fallthrough]];
+    default: x |= d[0];
+  }
+  if (d[n - 1] & 0x80) return false;
+  constexpr uint64_t kHigh = 0x8080808080808080ull, kLow = 0x7F7F7F7F7F7F7F7Full;
+  const uint64_t y = x ^ kHigh;  // zero octets where x has 0x80
+  const uint64_t not_80 = (((y & kLow) + kLow) | y) & kHigh;
+  const uint64_t starts = ~(x << 8) & kHigh;
+  return (~not_80 & kHigh & starts) == 0;
+}
 
 inline bool Parser::ParseHeader(size_t at, Tag* tag, size_t* header_len, size_t* content_len,
                                 bool* indefinite) const {

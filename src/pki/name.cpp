@@ -187,33 +187,45 @@ bool ResolveType(std::string_view text, std::string* oid) {
 // printing straight from DER all go through it.
 template <class F>
 bool WalkDerName(Input der_bytes, F&& fn) {
-  Parser top(der_bytes);
-  Parser name;
-  if (!top.ReadSequence(&name) || !top.Remaining().empty()) return false;
-  while (!name.Remaining().empty()) {
-    Parser set;
-    if (!name.ReadConstructed(der::kSet, &set) || set.Remaining().empty()) return false;
+  // Read with the bare element reader rather than Parsers: every certificate
+  // a caller asks about has two names walked, a dozen elements each.
+  const uint8_t* const p = der_bytes.data();
+  const size_t n = der_bytes.size();
+  size_t at = 0, len = 0;
+  if (!der::detail::ReadDerElement(p, n, &at, 0x30, &len) || len != n - at) return false;
+  while (at < n) {
+    if (!der::detail::ReadDerElement(p, n, &at, 0x31, &len) || len == 0) return false;
+    const size_t set_end = at + len;
     bool starts_rdn = true;
     Input previous;
-    while (!set.Remaining().empty()) {
-      der::Tag tag;
-      Input atv_value, atv_whole;
-      if (!set.ReadElement(&tag, &atv_value, &atv_whole) || tag != der::kSequence) return false;
+    while (at < set_end) {
+      const size_t atv_start = at;
+      if (!der::detail::ReadDerElement(p, set_end, &at, 0x30, &len)) return false;
+      const size_t atv_end = at + len;
       // DER sorts the members of a SET by their encodings; names read here
       // are DER, and callers that read them from unchecked bytes rely on
       // the walk to say so.
+      const Input atv_whole(p + atv_start, atv_end - atv_start);
       if (!starts_rdn && atv_whole < previous) return false;
       previous = atv_whole;
-      Parser atv(atv_value);
-      Input oid;
-      Input value;
-      if (!atv.ReadOid(&oid) || !atv.ReadTagAndValue(&tag, &value) || !atv.Remaining().empty()) {
+      if (!der::detail::ReadDerElement(p, atv_end, &at, 0x06, &len)) return false;
+      const Input oid(p + at, len);
+      if (!der::IsValidOid(oid)) return false;
+      at += len;
+      der::Tag tag;
+      size_t header_len = 0;
+      bool indefinite = false;
+      if (!der::detail::DecodeHeader(p, atv_end, at, der::Mode::kDer, &tag, &header_len, &len,
+                                     &indefinite) ||
+          len != atv_end - at - header_len) {
         return false;
       }
       if (der::ClassOf(tag) != der::TagClass::kUniversal || der::IsConstructed(tag) ||
           der::TagNumber(tag) == 0 || der::TagNumber(tag) > kMaxValueTag) {
         return false;
       }
+      const Input value(p + at + header_len, len);
+      at = atv_end;
       if (!fn(starts_rdn, oid, static_cast<int>(der::TagNumber(tag)), value)) return false;
       starts_rdn = false;
     }
@@ -296,20 +308,37 @@ void AppendQuotedIfNeeded(std::string_view text, std::string* out) {
 }
 
 // True when |text| holds a NUL, "," or "+"; eight characters at a time.
-bool HasNulCommaOrPlus(std::string_view text) {
+inline bool HasNulCommaOrPlus(std::string_view text) {
   constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
-  const auto has_zero_octet = [](uint64_t w) { return (w - kOnes) & ~w & kHigh; };
+  const auto any = [](uint64_t w) {
+    const auto has_zero_octet = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
+    return (has_zero_octet(w) | has_zero_octet(w ^ (kOnes * ',')) |
+            has_zero_octet(w ^ (kOnes * '+'))) != 0;
+  };
+  const char* const p = text.data();
+  const size_t n = text.size();
+  if (n < 8) {
+    for (size_t i = 0; i < n; ++i) {
+      if (p[i] == '\0' || p[i] == ',' || p[i] == '+') return true;
+    }
+    return false;
+  }
+  uint64_t w;
   size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
-    uint64_t w;
-    std::memcpy(&w, text.data() + i, 8);
-    if (has_zero_octet(w) | has_zero_octet(w ^ (kOnes * ',')) | has_zero_octet(w ^ (kOnes * '+')))
-      return true;
+  for (; i + 8 <= n; i += 8) {
+    std::memcpy(&w, p + i, 8);
+    if (any(w)) return true;
   }
-  for (; i < text.size(); ++i) {
-    if (text[i] == '\0' || text[i] == ',' || text[i] == '+') return true;
-  }
-  return false;
+  if (i == n) return false;
+  std::memcpy(&w, p + n - 8, 8);  // the last eight, overlapping the words read
+  return any(w);
+}
+
+// True when a value of UTF-8 text |text| is printed as it is: no NUL,
+// separator, leading blank or quote, or final backslash to take care of.
+inline bool IsPlainText(std::string_view text) {
+  return text.empty() || (!IsBlank(text[0]) && text[0] != '"' && text.back() != '\\' &&
+                          !HasNulCommaOrPlus(text));
 }
 
 // Appends the text that stands for a value of UTF-8 text |text| in a printed
@@ -319,9 +348,7 @@ bool HasNulCommaOrPlus(std::string_view text) {
 void AppendDisplayText(std::string_view text, std::string* out) {
   // Most values hold none of the characters that need care: one pass finds
   // that, and they are copied as they are.
-  const bool plain = text.empty() || (!IsBlank(text[0]) && text[0] != '"' &&
-                                      text.back() != '\\' && !HasNulCommaOrPlus(text));
-  if (plain) {
+  if (IsPlainText(text)) {
     out->append(text);
     return;
   }
@@ -394,7 +421,7 @@ class AttributeViews {
   }
 
  private:
-  std::array<AttributeView, 16> local_{};
+  std::array<AttributeView, 16> local_;  // the first size_ are set
   std::vector<AttributeView> heap_;
   size_t size_ = 0;
 };
@@ -453,9 +480,33 @@ void PrintAttributes(AttributeViews* views, std::string* out) {
   out->clear();
   views->sort();
   const size_t count = std::min(views->size(), static_cast<size_t>(kMaxPrintedAttributes));
-  size_t bytes = 0;
-  for (size_t i = 0; i < count; ++i) bytes += (*views)[i].value.size() + 10;
-  out->reserve(bytes);
+  // Names of plain values (nearly all) are laid out in one go.
+  size_t bytes = count > 0 ? 2 * (count - 1) : 0;
+  bool plain = true;
+  for (size_t i = 0; i < count && plain; ++i) {
+    const AttributeView& v = (*views)[i];
+    plain = !IsConverted(v.value_tag) && IsPlainText(v.value.AsStringView());
+    bytes += table::kPrintedTypes[v.order].label.size() + 1 + v.value.size();
+  }
+  if (plain) {
+    out->resize(bytes);
+    char* at = out->data();
+    for (size_t i = 0; i < count; ++i) {
+      const AttributeView& v = (*views)[i];
+      if (i > 0) {
+        std::memcpy(at, ", ", 2);
+        at += 2;
+      }
+      const std::string_view label = table::kPrintedTypes[v.order].label;
+      std::memcpy(at, label.data(), label.size());
+      at += label.size();
+      *at++ = '=';
+      if (!v.value.empty()) std::memcpy(at, v.value.data(), v.value.size());
+      at += v.value.size();
+    }
+    return;
+  }
+  out->reserve(bytes + 16 * count);
   for (size_t i = 0; i < count; ++i) {
     const AttributeView& v = (*views)[i];
     if (i > 0) out->append(", ");

@@ -77,8 +77,46 @@ int64_t DaysFromCivil(int year, int month, int day) {
   return era * 146097 + day_of_era - 719468;
 }
 
+// True when the |n| octets at |p|, 9 to 16 of them, are all decimal digits;
+// two (overlapping) words at a time.
+bool AllDigits(const unsigned char* p, size_t n) {
+  constexpr uint64_t kZeros = 0x3030303030303030ull, kHighNibbles = 0xF0F0F0F0F0F0F0F0ull,
+                     kSixes = 0x0606060606060606ull;
+  const auto digits = [&](uint64_t w) {
+    const uint64_t t = w ^ kZeros;  // digits become 0..9, with a zero high nibble
+    return (t & kHighNibbles) == 0 && ((t + kSixes) & kHighNibbles) == 0;
+  };
+  uint64_t a, b;
+  std::memcpy(&a, p, 8);
+  std::memcpy(&b, p + n - 8, 8);
+  return digits(a) && digits(b);
+}
+
+// The calendar checks and the count of seconds, for fields already read.
+bool FinishTime(int year, int month, int day, int hour, int minute, int second, int64_t offset,
+                uint32_t micros, int64_t* seconds, uint32_t* fraction) {
+  if (month < 1 || month > 12 || day < 1 || day > DaysInMonth(year, month) || hour > 23 ||
+      minute > 59 || second > 60) {
+    return false;
+  }
+  // 60 seconds roll over into the next minute.
+  *seconds = DaysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second - offset;
+  *fraction = micros;
+  return true;
+}
+
 // Parses UTCTime or GeneralizedTime text (see the rules at the top).
 bool ParseTime(int tag, const unsigned char* p, size_t n, int64_t* seconds, uint32_t* fraction) {
+  // Nearly every time in certificates and CRLs is "YYMMDDHHMMSSZ" or
+  // "YYYYMMDDHHMMSSZ": read at once.
+  const bool utc = tag == X500Time::kUTCTime;
+  if (n == (utc ? 13u : 15u) && p[n - 1] == 'Z' && AllDigits(p, n - 1)) {
+    const auto two = [p](size_t at) { return (p[at] - '0') * 10 + (p[at + 1] - '0'); };
+    const size_t k = utc ? 2 : 4;
+    const int year = utc ? (two(0) < 50 ? 2000 + two(0) : 1900 + two(0)) : two(0) * 100 + two(2);
+    return FinishTime(year, two(k), two(k + 2), two(k + 4), two(k + 6), two(k + 8), 0, 0, seconds,
+                      fraction);
+  }
   size_t i = 0;
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   if (tag == X500Time::kUTCTime) {
@@ -124,15 +162,7 @@ bool ParseTime(int tag, const unsigned char* p, size_t n, int64_t* seconds, uint
     return false;
   }
   if (i != n) return false;
-
-  if (month < 1 || month > 12 || day < 1 || day > DaysInMonth(year, month) || hour > 23 ||
-      minute > 59 || second > 60) {
-    return false;
-  }
-  // 60 seconds roll over into the next minute.
-  *seconds = DaysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second - offset;
-  *fraction = micros;
-  return true;
+  return FinishTime(year, month, day, hour, minute, second, offset, micros, seconds, fraction);
 }
 
 // Adds |delta| to a broken-down field, kept within a range that timegm can

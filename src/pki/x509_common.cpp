@@ -50,14 +50,25 @@ bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid,
   der::Input value;
   if (!p->PeekTag(&tag) || tag != der::kSequence) return false;
   if (!p->ReadElement(&tag, &value, whole)) return false;
-  der::Parser seq(value);
-  if (!seq.ReadOid(oid)) return false;
-  if (seq.HasMore()) {
-    der::Input params;
-    if (!seq.ReadRawTLV(&params)) return false;
-    if (prove_der && (params[0] & 0x20) && !der::IsStrictDer(params)) return false;
+  // AlgorithmIdentifier ::= SEQUENCE { algorithm OID, parameters ANY OPTIONAL },
+  // read bare: every certificate, CRL and response holds two or three.
+  const uint8_t* const v = value.data();
+  const size_t n = value.size();
+  size_t at = 0, len = 0;
+  if (!der::detail::ReadDerElement(v, n, &at, 0x06, &len)) return false;
+  *oid = der::Input(v + at, len);
+  if (!der::IsValidOid(*oid)) return false;
+  at += len;
+  if (at == n) return true;
+  // The parameters: one element of any kind, in DER, and nothing after it.
+  size_t header_len = 0;
+  bool indefinite = false;
+  if (!der::detail::DecodeHeader(v, n, at, der::Mode::kDer, &tag, &header_len, &len,
+                                 &indefinite) ||
+      len != n - at - header_len) {
+    return false;
   }
-  return !seq.HasMore();
+  return !(prove_der && der::IsConstructed(tag) && !der::IsStrictDer(der::Input(v + at, n - at)));
 }
 
 namespace {
@@ -105,21 +116,29 @@ class SeenOids {
 // once it is known good; the one reader behind checking and materialising.
 template <class F>
 bool WalkExtensions(der::Input content, F&& fn) {
-  der::Parser p(content);
-  if (!p.HasMore()) return false;  // SIZE (1..MAX)
+  // Read bare, without Parsers: this runs for every certificate and CRL
+  // entry with extensions.
+  const uint8_t* const p = content.data();
+  const size_t n = content.size();
+  if (n == 0) return false;  // SIZE (1..MAX)
   SeenOids seen;
-  while (p.HasMore()) {
-    der::Parser ext;
-    der::Input oid, value;
-    if (!p.ReadSequence(&ext) || !ext.ReadOid(&oid)) return false;
-    bool critical = false, present = false;
-    der::Input crit;
-    if (!ext.ReadOptional(der::kBoolean, &crit, &present)) return false;
-    if (present) {
-      if (crit.size() != 1) return false;
-      critical = crit[0] != 0;
+  size_t at = 0, len = 0;
+  while (at < n) {
+    if (!der::detail::ReadDerElement(p, n, &at, 0x30, &len)) return false;
+    const size_t end = at + len;
+    if (!der::detail::ReadDerElement(p, end, &at, 0x06, &len)) return false;
+    const der::Input oid(p + at, len);
+    if (!der::IsValidOid(oid)) return false;
+    at += len;
+    bool critical = false;
+    if (at < end && p[at] == 0x01) {
+      if (!der::detail::ReadDerElement(p, end, &at, 0x01, &len) || len != 1) return false;
+      critical = p[at] != 0;
+      at += len;
     }
-    if (!ext.Read(der::kOctetString, &value) || ext.HasMore()) return false;
+    if (!der::detail::ReadDerElement(p, end, &at, 0x04, &len) || len != end - at) return false;
+    const der::Input value(p + at, len);
+    at = end;
     if (!seen.insert(oid)) return false;
     fn(oid, critical, value);
   }

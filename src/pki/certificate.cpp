@@ -38,67 +38,80 @@ bool ReadCertificateParts(Input der_bytes, DerKnown known, CertificateParts* out
     return known == DerKnown::kRewritten ? pki::IsValidName(name)
                                          : pki::IsValidNameInStrictDer(name);
   };
-  Parser outer(der_bytes);
-  Parser cert;
-  if (!outer.ReadSequence(&cert) || outer.HasMore()) return false;
-  der::Tag tag;
-  if (!cert.PeekTag(&tag) || tag != der::kSequence) return false;
-  if (!cert.ReadElement(&tag, &out->tbs_content, &out->tbs)) return false;
+  // Read bare (see der::BareReader): cache_trustedCA reads every
+  // certificate it is asked about this way.
+  der::BareReader outer(der_bytes);
+  Input cert_content;
+  if (!outer.Read(0x30, &cert_content) || !outer.AtEnd()) return false;
+  der::BareReader cert(cert_content);
   Input sig_oid;
-  if (!pki::ReadAlgorithmIdentifier(&cert, &out->sig_alg, &sig_oid, prove_der)) return false;
   // A signature with unused bits cannot be valid, but the certificate still
   // decodes: verification is where it fails.
-  if (!cert.ReadBitString(&out->sig_value, &out->sig_unused_bits) || cert.HasMore()) return false;
-
-  Parser p(out->tbs_content);
-  Parser explicit_version;
-  bool present = false;
-  if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &explicit_version, &present))
+  if (!cert.Read(0x30, &out->tbs_content, &out->tbs) ||
+      !pki::ReadAlgorithmIdentifier(&cert, &out->sig_alg, &sig_oid, prove_der) ||
+      !cert.ReadBitString(&out->sig_value, &out->sig_unused_bits) || !cert.AtEnd()) {
     return false;
+  }
+
+  der::BareReader p(out->tbs_content);
+  Input content;
   out->version = 1;
-  if (present) {
-    uint64_t v = 0;
-    if (!explicit_version.ReadUint64(&v) || explicit_version.HasMore() || v > 2) return false;
-    out->version = static_cast<int>(v) + 1;
+  if (p.NextIs(0xA0)) {
+    // [0] EXPLICIT INTEGER, minimal and at most 2: one octet.
+    Input number;
+    if (!p.Read(0xA0, &content)) return false;
+    der::BareReader explicit_version(content);
+    if (!explicit_version.Read(0x02, &number) || !explicit_version.AtEnd() ||
+        number.size() != 1 || number[0] > 2) {
+      return false;
+    }
+    out->version = number[0] + 1;
   }
   // The serial must also be one a BigInteger takes.
-  if (!pki::ReadSerial(&p, &out->serial_content) ||
-      out->serial_content.size() > static_cast<size_t>(INT_MAX))
+  if (!p.Read(0x02, &out->serial_content) || out->serial_content.empty() ||
+      out->serial_content.size() > static_cast<size_t>(INT_MAX)) {
     return false;
+  }
   Input inner_alg, inner_oid;
+  der::Tag tag;
   if (!pki::ReadAlgorithmIdentifier(&p, &inner_alg, &inner_oid, prove_der)) return false;
-  if (!p.ReadRawTLV(&out->issuer) || (check_issuer && !valid_name(out->issuer))) return false;
-  // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
-  Parser validity;
-  if (!p.ReadSequence(&validity) || !pki::ReadTime(&validity, &out->not_before) ||
-      !pki::ReadTime(&validity, &out->not_after) || validity.HasMore())
+  if (!p.ReadAny(&tag, &content, &out->issuer) || (check_issuer && !valid_name(out->issuer))) {
     return false;
-  if (!p.ReadRawTLV(&out->subject) || !valid_name(out->subject)) return false;
+  }
+  // Validity ::= SEQUENCE { notBefore Time, notAfter Time }
+  if (!p.Read(0x30, &content)) return false;
+  der::BareReader validity(content);
+  if (!pki::ReadTime(&validity, &out->not_before) || !pki::ReadTime(&validity, &out->not_after) ||
+      !validity.AtEnd()) {
+    return false;
+  }
+  if (!p.ReadAny(&tag, &content, &out->subject) || !valid_name(out->subject)) return false;
   // SubjectPublicKeyInfo ::= SEQUENCE { algorithm AlgorithmIdentifier,
   //   subjectPublicKey BIT STRING }
-  Input spki_value;
-  if (!p.PeekTag(&tag) || tag != der::kSequence || !p.ReadElement(&tag, &spki_value, &out->spki))
-    return false;
-  Parser key(spki_value);
+  if (!p.Read(0x30, &content, &out->spki)) return false;
+  der::BareReader key(content);
   Input key_alg;
   uint8_t unused = 0;
   if (!pki::ReadAlgorithmIdentifier(&key, &key_alg, &out->key_alg_oid, prove_der) ||
-      !key.ReadBitString(&out->public_key, &unused) || key.HasMore())
+      !key.ReadBitString(&out->public_key, &unused) || !key.AtEnd()) {
     return false;
-  if (!p.SkipOptional(der::ContextSpecific(1), &present)) return false;
-  if (present && out->version < 2) return false;
-  if (!p.SkipOptional(der::ContextSpecific(2), &present)) return false;
-  if (present && out->version < 2) return false;
-  Parser exts;
-  if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(3), &exts, &present)) return false;
-  out->has_extensions = present;
-  out->extensions = Input();
-  if (present) {
-    if (out->version != 3) return false;
-    if (!exts.Read(der::kSequence, &out->extensions) || exts.HasMore()) return false;
-    if (!pki::CheckExtensions(out->extensions)) return false;
   }
-  return !p.HasMore();
+  // issuerUniqueID [1] and subjectUniqueID [2]: version 2 on.
+  for (const uint8_t unique_id : {uint8_t{0x81}, uint8_t{0x82}}) {
+    if (!p.NextIs(unique_id)) continue;
+    if (!p.Read(unique_id, &content) || out->version < 2) return false;
+  }
+  out->has_extensions = p.NextIs(0xA3);
+  out->extensions = Input();
+  if (out->has_extensions) {
+    if (out->version != 3 || !p.Read(0xA3, &content)) return false;
+    der::BareReader exts(content);
+    if (!exts.Read(0x30, &out->extensions) || !exts.AtEnd() ||
+        !pki::CheckExtensions(out->extensions)) {
+      return false;
+    }
+  }
+  return p.AtEnd();
 }
 
 void MoveCertificateParts(CertificateParts* parts, const uint8_t* from, const uint8_t* to) {

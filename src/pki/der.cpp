@@ -113,16 +113,7 @@ bool Parser::ReadOid(Input* content) {
 
 bool Parser::ReadBitString(Input* bits, uint8_t* unused_bits) {
   Input v;
-  if (!Read(kBitString, &v) || v.empty()) return Fail();
-  const uint8_t unused = v[0];
-  if (unused > 7 || (unused != 0 && v.size() == 1)) return Fail();
-  if (mode_ == Mode::kDer && unused != 0) {
-    // DER: the unused bits of the last octet are zero.
-    const uint8_t mask = static_cast<uint8_t>((1u << unused) - 1);
-    if (v[v.size() - 1] & mask) return Fail();
-  }
-  *bits = Input(v.data() + 1, v.size() - 1);
-  *unused_bits = unused;
+  if (!Read(kBitString, &v) || !SplitBitString(v, mode_, bits, unused_bits)) return Fail();
   return true;
 }
 

@@ -170,6 +170,34 @@ class Parser {
   bool failed_ = false;
 };
 
+// Reads consecutive DER elements without a Parser's generality, for the hot
+// reads of certificates, names and extensions: elements are asked for by
+// their one identifier octet, in DER with the default limits, accepting
+// exactly what a DER-mode Parser accepts for them. A failed read leaves the
+// position where it was.
+class BareReader {
+ public:
+  BareReader() = default;
+  explicit BareReader(Input in) : p_(in.data()), end_(in.size()) {}
+
+  bool AtEnd() const { return at_ == end_; }
+  // Whether the next element's identifier octet is |tag|.
+  bool NextIs(uint8_t tag) const { return at_ < end_ && p_[at_] == tag; }
+
+  // The next element, which must carry the identifier octet |tag|: its
+  // content, and the whole element when |whole| is given.
+  [[nodiscard]] inline bool Read(uint8_t tag, Input* content, Input* whole = nullptr);
+  // The next element whatever its tag (DER header rules apply), whole.
+  [[nodiscard]] inline bool ReadAny(Tag* tag, Input* content, Input* whole);
+  // BIT STRING: the bit bytes and the count of unused bits, which are zero.
+  [[nodiscard]] inline bool ReadBitString(Input* bits, uint8_t* unused_bits);
+
+ private:
+  const uint8_t* p_ = nullptr;
+  size_t end_ = 0;
+  size_t at_ = 0;
+};
+
 // Writes DER. Constructed elements are opened and closed; lengths are filled
 // in when an element is closed.
 class Writer {
@@ -351,6 +379,51 @@ inline bool IsValidOid(Input v) {
   const uint64_t not_80 = (((y & kLow) + kLow) | y) & kHigh;
   const uint64_t starts = ~(x << 8) & kHigh;
   return (~not_80 & kHigh & starts) == 0;
+}
+
+// BIT STRING content: an unused-bits octet of at most 7 (0 when there are
+// no bit octets), and in DER those unused bits are zero.
+inline bool SplitBitString(Input v, Mode mode, Input* bits, uint8_t* unused_bits) {
+  if (v.empty()) return false;
+  const uint8_t unused = v[0];
+  if (unused > 7 || (unused != 0 && v.size() == 1)) return false;
+  if (mode == Mode::kDer && unused != 0) {
+    const uint8_t mask = static_cast<uint8_t>((1u << unused) - 1);
+    if (v[v.size() - 1] & mask) return false;
+  }
+  *bits = Input(v.data() + 1, v.size() - 1);
+  *unused_bits = unused;
+  return true;
+}
+
+inline bool BareReader::Read(uint8_t tag, Input* content, Input* whole) {
+  size_t at = at_, len = 0;
+  if (!detail::ReadDerElement(p_, end_, &at, tag, &len)) return false;
+  *content = Input(p_ + at, len);
+  if (whole) *whole = Input(p_ + at_, at + len - at_);
+  at_ = at + len;
+  return true;
+}
+
+inline bool BareReader::ReadAny(Tag* tag, Input* content, Input* whole) {
+  size_t header_len = 0, len = 0;
+  bool indefinite = false;
+  if (!detail::DecodeHeader(p_, end_, at_, Mode::kDer, tag, &header_len, &len, &indefinite) ||
+      len > end_ - at_ - header_len || len > Limits{}.max_element_size) {
+    return false;
+  }
+  *content = Input(p_ + at_ + header_len, len);
+  *whole = Input(p_ + at_, header_len + len);
+  at_ += header_len + len;
+  return true;
+}
+
+inline bool BareReader::ReadBitString(Input* bits, uint8_t* unused_bits) {
+  const size_t at = at_;
+  Input v;
+  if (Read(0x03, &v) && SplitBitString(v, Mode::kDer, bits, unused_bits)) return true;
+  at_ = at;
+  return false;
 }
 
 inline bool Parser::ParseHeader(size_t at, Tag* tag, size_t* header_len, size_t* content_len,

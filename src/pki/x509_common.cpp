@@ -45,30 +45,43 @@ bool ReadGeneralizedTime(der::Parser* p, X500Time* out) {
   return out->fromContent(X500Time::kGeneralizedTime, value.data(), value.size());
 }
 
+namespace {
+
+// The content of an AlgorithmIdentifier, read bare: every certificate, CRL
+// and response holds two or three.
+bool ReadAlgorithmContent(der::Input value, der::Input* oid, bool prove_der) {
+  der::BareReader r(value);
+  if (!r.Read(0x06, oid) || !der::IsValidOid(*oid)) return false;
+  if (r.AtEnd()) return true;
+  // The parameters: one element of any kind, in DER, and nothing after it.
+  der::Tag tag;
+  der::Input params, whole;
+  if (!r.ReadAny(&tag, &params, &whole) || !r.AtEnd()) return false;
+  return !(prove_der && der::IsConstructed(tag) && !der::IsStrictDer(whole));
+}
+
+}  // namespace
+
 bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid, bool prove_der) {
   der::Tag tag;
   der::Input value;
   if (!p->PeekTag(&tag) || tag != der::kSequence) return false;
-  if (!p->ReadElement(&tag, &value, whole)) return false;
-  // AlgorithmIdentifier ::= SEQUENCE { algorithm OID, parameters ANY OPTIONAL },
-  // read bare: every certificate, CRL and response holds two or three.
-  const uint8_t* const v = value.data();
-  const size_t n = value.size();
-  size_t at = 0, len = 0;
-  if (!der::detail::ReadDerElement(v, n, &at, 0x06, &len)) return false;
-  *oid = der::Input(v + at, len);
-  if (!der::IsValidOid(*oid)) return false;
-  at += len;
-  if (at == n) return true;
-  // The parameters: one element of any kind, in DER, and nothing after it.
-  size_t header_len = 0;
-  bool indefinite = false;
-  if (!der::detail::DecodeHeader(v, n, at, der::Mode::kDer, &tag, &header_len, &len,
-                                 &indefinite) ||
-      len != n - at - header_len) {
-    return false;
+  return p->ReadElement(&tag, &value, whole) && ReadAlgorithmContent(value, oid, prove_der);
+}
+
+bool ReadAlgorithmIdentifier(der::BareReader* r, der::Input* whole, der::Input* oid,
+                             bool prove_der) {
+  der::Input value;
+  return r->Read(0x30, &value, whole) && ReadAlgorithmContent(value, oid, prove_der);
+}
+
+bool ReadTime(der::BareReader* r, X500Time* out) {
+  der::Input value;
+  if (r->NextIs(0x17)) {
+    return r->Read(0x17, &value) && out->fromContent(X500Time::kUTCTime, value.data(), value.size());
   }
-  return !(prove_der && der::IsConstructed(tag) && !der::IsStrictDer(der::Input(v + at, n - at)));
+  return r->Read(0x18, &value) &&
+         out->fromContent(X500Time::kGeneralizedTime, value.data(), value.size());
 }
 
 namespace {

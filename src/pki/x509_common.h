@@ -35,12 +35,15 @@ struct DerSource {
 // Reads a Time when the next element is one; *present tells.
 [[nodiscard]] bool ReadOptionalTime(der::Parser* p, X500Time* out, bool* present);
 [[nodiscard]] bool ReadGeneralizedTime(der::Parser* p, X500Time* out);
+[[nodiscard]] bool ReadTime(der::BareReader* r, X500Time* out);
 
 // AlgorithmIdentifier ::= SEQUENCE { algorithm OID, parameters ANY OPTIONAL }
 // Gives the whole element and the OID's content octets.
 // With |prove_der|, constructed parameters must also be strict DER (the
 // parser checks the rest as it reads).
 [[nodiscard]] bool ReadAlgorithmIdentifier(der::Parser* p, der::Input* whole, der::Input* oid,
+                                           bool prove_der = false);
+[[nodiscard]] bool ReadAlgorithmIdentifier(der::BareReader* r, der::Input* whole, der::Input* oid,
                                            bool prove_der = false);
 
 // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension

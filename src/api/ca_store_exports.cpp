@@ -228,7 +228,8 @@ Certificate* cache_getCACert(void*, int entry, int record) {
 int cache_getCertIndex(void*, int entry, Name* issuer, BigInteger serial) {
   return Guarded<int>(-1, [&] {
     if (!issuer) return -1;
-    const std::string id = quillon::castore::RecordId(*issuer, serial);
+    static thread_local std::string id;  // storage kept, as for cache_trustedCA's key
+    quillon::castore::RecordId(*issuer, serial, &id);
     return WithStore([&](const CaStore& store) { return store.findRecord(entry, id); });
   });
 }

@@ -4,6 +4,9 @@
 #include <cstring>
 #include <utility>
 
+#include "pki/name_der.h"
+#include "pki/x509_common.h"
+
 namespace quillon::castore {
 
 namespace {
@@ -21,6 +24,12 @@ std::string RecordId(std::string_view issuer_text, std::string_view serial_hex) 
   id.push_back('\0');
   id.append(serial_hex);
   return id;
+}
+
+void RecordId(const Name& issuer, const BigInteger& serial, std::string* id) {
+  pki::PrintName(issuer, id);
+  id->push_back('\0');
+  pki::AppendHex(serial, id);
 }
 
 namespace {

@@ -58,11 +58,11 @@ inline std::string KeyText(const Name& name) { return name.toString(); }
 // The identity of a record within its entry: issuer-name text and serial
 // number in base 16, as one string.
 std::string RecordId(std::string_view issuer_text, std::string_view serial_hex);
+// The same written over the text in |*id|, whose storage is reused.
+void RecordId(const Name& issuer, const BigInteger& serial, std::string* id);
 inline std::string RecordId(const Name& issuer, const BigInteger& serial) {
-  // Built in the printed name's own buffer, which has room to spare.
-  std::string id = issuer.toString();
-  id.push_back('\0');
-  id += serial.toHex();
+  std::string id;
+  RecordId(issuer, serial, &id);
   return id;
 }
 

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "pki/der.h"
+#include "pki/x509_common.h"
 
 namespace {
 
@@ -161,9 +162,21 @@ std::vector<unsigned char> BigInteger::encode() const {
 }
 
 std::string BigInteger::toHex() const {
+  std::string out;
+  quillon::pki::AppendHex(*this, &out);
+  return out;
+}
+
+namespace quillon::pki {
+
+void AppendHex(const BigInteger& value, std::string* out) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
-  const int length = bn_ == nullptr ? 0 : BN_num_bytes(bn_);
-  if (length <= 0) return "00";
+  const BIGNUM* bn = value.bignum();
+  const int length = bn == nullptr ? 0 : BN_num_bytes(bn);
+  if (length <= 0) {
+    out->append("00");
+    return;
+  }
   // Serials are at most 20 octets in practice: their magnitude is read into
   // the stack, a longer one into the heap.
   unsigned char local[64];
@@ -173,17 +186,19 @@ std::string BigInteger::toHex() const {
     heap.resize(static_cast<size_t>(length));
     magnitude = heap.data();
   }
-  BN_bn2bin(bn_, magnitude);
-  const bool negative = BN_is_negative(bn_);
-  std::string out(static_cast<size_t>(length) * 2 + (negative ? 1 : 0), '\0');
-  char* p = out.data();
+  BN_bn2bin(bn, magnitude);
+  const bool negative = BN_is_negative(bn);
+  const size_t start = out->size();
+  out->resize(start + static_cast<size_t>(length) * 2 + (negative ? 1 : 0));
+  char* p = out->data() + start;
   if (negative) *p++ = '-';
   for (int i = 0; i < length; ++i) {
     *p++ = kDigits[magnitude[i] >> 4];
     *p++ = kDigits[magnitude[i] & 0x0F];
   }
-  return out;
 }
+
+}  // namespace quillon::pki
 
 int BigInteger::compare(const BigInteger& other) const {
   if (bn_ == nullptr || other.bn_ == nullptr) {

@@ -429,7 +429,40 @@ class AttributeViews {
 // Position of a type given as dotted text among the printed types, or
 // kNotPrinted.
 constexpr size_t kNotPrinted = ~size_t{0};
+
+// Position among the printed types of the type 2.5.4.|arc| (arc below 128),
+// or kNotPrinted.
+size_t PrintedOrderOfX520Arc(uint8_t arc) {
+  static const std::array<uint8_t, 128> by_x520_arc = [] {
+    std::array<uint8_t, 128> out;
+    out.fill(0xFF);
+    for (size_t i = 0; i < table::kPrintedTypes.size(); ++i) {
+      const std::string_view type = table::kPrintedTypes[i].type;
+      if (type.size() > 6 && type.substr(0, 6) == "2.5.4.") {
+        const int n = std::atoi(std::string(type.substr(6)).c_str());
+        if (n > 0 && n < 128 && out[static_cast<size_t>(n)] == 0xFF) {
+          out[static_cast<size_t>(n)] = static_cast<uint8_t>(i);
+        }
+      }
+    }
+    return out;
+  }();
+  const uint8_t at = by_x520_arc[arc & 0x7F];
+  return at == 0xFF ? kNotPrinted : at;
+}
+
 size_t PrintedOrder(std::string_view dotted) {
+  // Most types are arcs of 2.5.4: found by their last arc.
+  if (dotted.size() > 6 && dotted.size() <= 9 && dotted.substr(0, 6) == "2.5.4." &&
+      dotted[6] != '0') {
+    size_t arc = 0;
+    bool digits = true;
+    for (const char c : dotted.substr(6)) {
+      digits = digits && c >= '0' && c <= '9';
+      arc = arc * 10 + static_cast<size_t>(c - '0');
+    }
+    if (digits && arc < 128) return PrintedOrderOfX520Arc(static_cast<uint8_t>(arc));
+  }
   const auto& types = table::kPrintedTypes;
   for (size_t i = 0; i < types.size(); ++i) {
     if (dotted == types[i].type) return i;
@@ -442,23 +475,8 @@ size_t PrintedOrder(std::string_view dotted) {
 size_t PrintedOrder(Input oid) {
   // Most attribute types are arcs of 2.5.4 (content 55 04 nn): those are
   // found by their last arc.
-  static const std::array<uint8_t, 128> by_x520_arc = [] {
-    std::array<uint8_t, 128> out;
-    out.fill(0xFF);
-    for (size_t i = 0; i < table::kPrintedTypes.size(); ++i) {
-      const std::string_view type = table::kPrintedTypes[i].type;
-      if (type.size() > 6 && type.substr(0, 6) == "2.5.4.") {
-        const int arc = std::atoi(std::string(type.substr(6)).c_str());
-        if (arc > 0 && arc < 128 && out[static_cast<size_t>(arc)] == 0xFF) {
-          out[static_cast<size_t>(arc)] = static_cast<uint8_t>(i);
-        }
-      }
-    }
-    return out;
-  }();
   if (oid.size() == 3 && oid[0] == 0x55 && oid[1] == 0x04 && oid[2] < 0x80) {
-    const uint8_t at = by_x520_arc[oid[2]];
-    return at == 0xFF ? kNotPrinted : at;
+    return PrintedOrderOfX520Arc(oid[2]);
   }
   static const std::array<std::vector<uint8_t>, table::kPrintedTypes.size()> encoded = [] {
     std::array<std::vector<uint8_t>, table::kPrintedTypes.size()> out;
@@ -687,30 +705,34 @@ bool Name::parse(const char* text) {
 }
 
 std::string Name::toString() const {
+  std::string out;
+  quillon::pki::PrintName(*this, &out);
+  return out;
+}
+
+namespace quillon::pki {
+
+void PrintName(const Name& name, std::string* out) {
   try {
     // A name lives in many small blocks (each RDN, each value): ask for
     // them all before reading, so that their memory reads overlap rather
     // than follow one another.
-    for (const RDN& rdn : rdns_) __builtin_prefetch(rdn.data());
-    for (const RDN& rdn : rdns_) {
-      for (const Attribute& a : rdn) __builtin_prefetch(a.value.data());
+    for (const Name::RDN& rdn : name.rdns()) __builtin_prefetch(rdn.data());
+    for (const Name::RDN& rdn : name.rdns()) {
+      for (const Name::Attribute& a : rdn) __builtin_prefetch(a.value.data());
     }
-    quillon::AttributeViews views;
-    for (const RDN& rdn : rdns_) {
-      for (const Attribute& a : rdn) {
-        const size_t order = quillon::PrintedOrder(std::string_view(a.type));
-        if (order != quillon::kNotPrinted) views.push({order, a.valueTag, quillon::der::Input(a.value)});
+    AttributeViews views;
+    for (const Name::RDN& rdn : name.rdns()) {
+      for (const Name::Attribute& a : rdn) {
+        const size_t order = PrintedOrder(std::string_view(a.type));
+        if (order != kNotPrinted) views.push({order, a.valueTag, der::Input(a.value)});
       }
     }
-    std::string out;
-    quillon::PrintAttributes(&views, &out);
-    return out;
+    PrintAttributes(&views, out);
   } catch (...) {
-    return {};
+    out->clear();
   }
 }
-
-namespace quillon::pki {
 
 bool IsValidName(der::Input name_tlv) {
   try {

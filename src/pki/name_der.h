@@ -9,6 +9,7 @@
 #include <string>
 
 #include "pki/der.h"
+#include "quillon32/name.h"
 
 namespace quillon::pki {
 
@@ -19,6 +20,10 @@ namespace quillon::pki {
 // The same answer for |name_der| known to be strict DER (an element of a
 // certificate that is), without checking that again.
 [[nodiscard]] bool IsValidNameInStrictDer(der::Input name_der);
+
+// Name::toString's text of |name|, written over the text in |*out| (whose
+// storage is reused).
+void PrintName(const Name& name, std::string* out);
 
 // The text Name::toString prints for the Name that Name::decode makes of
 // |name_tlv|. False, with |out| empty, when Name::decode rejects the bytes.

@@ -61,6 +61,9 @@ const Extension* FindExtension(const std::vector<Extension>& exts, const char* o
 // empty. Real-world CAs issue non-minimal encodings, which are accepted.
 [[nodiscard]] bool ReadSerial(der::Parser* p, der::Input* content);
 
+// Appends BigInteger::toHex()'s text of |value| to |out|.
+void AppendHex(const BigInteger& value, std::string* out);
+
 // The values an empty (undecoded) object answers with.
 const BigInteger& ZeroInteger();
 const Name& EmptyName();

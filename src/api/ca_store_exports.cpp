@@ -210,7 +210,8 @@ int cache_getCACertsNum(void*) {
 int cache_getCACerts(void*, Name* name) {
   return Guarded<int>(-1, [&] {
     if (!name) return -1;
-    const std::string key = quillon::castore::KeyText(*name);
+    static thread_local std::string key;  // storage kept, as for cache_trustedCA's
+    quillon::pki::PrintName(*name, &key);
     return WithStore([&](const CaStore& store) { return store.findEntry(key); });
   });
 }

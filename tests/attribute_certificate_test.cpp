@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -142,15 +141,7 @@ TEST(AttributeCert, DecodesIssuerSerialValidityAndKeyIdentifier) {
 // An acinfo with its length in four octets is signed as written: the signed
 // bytes stay as received, the encoding is DER. Every cut of it fails.
 TEST(AttributeCert, BerKeepsTheSignedBytesAsReceived) {
-  const Bytes acinfo = Acinfo("v2Form");
-  const size_t header = acinfo[1] < 0x80 ? 2 : 2 + (acinfo[1] & 0x7F);
-  const size_t n = acinfo.size() - header;
-  Bytes ber_acinfo(6 + n);
-  ber_acinfo[0] = 0x30;
-  ber_acinfo[1] = 0x84;
-  ber_acinfo[4] = static_cast<uint8_t>(n >> 8);
-  ber_acinfo[5] = static_cast<uint8_t>(n);
-  std::copy(acinfo.begin() + static_cast<long>(header), acinfo.end(), ber_acinfo.begin() + 6);
+  const Bytes acinfo = Acinfo("v2Form"), ber_acinfo = qt::LongFormLength(acinfo);
   const Bytes ber = qt::SignTbs(ber_acinfo, IssuerKey());
 
   AttributeCertificate ac;

@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "api/ca_operations.h"
@@ -170,40 +171,34 @@ Bytes SwappedKeysFile(const Certificate& a, const Certificate& b) {
 // that would make older files unreadable or different shows here.
 // QUILLON_REGENERATE_FIXTURES=1 writes it anew.
 TEST(CaList, CheckedInFileIsTheEncodingOfItsTable) {
-  const std::string examples = std::string(QUILLON_SOURCE_DIR) + "/examples/ca/";
-  auto service = [](const char* country, const char* name, const char* type) {
+  const std::string source = QUILLON_SOURCE_DIR, examples = source + "/examples/ca/";
+  const std::string tl = "http://uri.etsi.org/TrstSvc/TrustedList/Svcstatus/";
+  CaStore store;
+  for (const auto& [file, country, name, type] :
+       {std::tuple{"Belgium-Root-CA4.from-BE-TL-seq66.cer", "BE", "Belgium Root CA4", "CA/QC"},
+        std::tuple{"TI-Trust-Technologies-CA1.from-IT-TL-seq194.cer", "IT",
+                   "TI Trust Technologies CA 1", "CA/PKC"}}) {
     TSLMetadata m;
     m.setCountry(country);
-    m.setServiceType(type);
-    m.setServiceName(name);
-    m.setServiceStatus("http://uri.etsi.org/TrstSvc/TrustedList/Svcstatus/granted");
+    m.setHistory(new TSLMetadata);
+    for (TSLMetadata* e : {&m, m.history()}) {
+      e->setServiceType((std::string("http://uri.etsi.org/TrstSvc/Svctype/") + type).c_str());
+      e->setServiceName(name);
+    }
+    m.setServiceStatus((tl + "granted").c_str());
     m.setStatusStartingTime("2016-06-30T22:00:00Z");
-    auto* h = new TSLMetadata;
-    h->setServiceType(type);
-    h->setServiceName(name);
-    h->setServiceStatus("http://uri.etsi.org/TrstSvc/TrustedList/Svcstatus/undersupervision");
-    h->setStatusStartingTime("2012-07-01T00:00:00Z");
-    m.setHistory(h);
-    return m;
-  };
-  const TSLMetadata be = service("BE", "Belgium Root CA4", "http://uri.etsi.org/TrstSvc/Svctype/CA/QC");
-  const TSLMetadata it = service("IT", "TI Trust Technologies CA 1",
-                                 "http://uri.etsi.org/TrstSvc/Svctype/CA/PKC");
-  CaStore store;
-  store.add(FromFile(examples + "from-trusted-lists/Belgium-Root-CA4.from-BE-TL-seq66.cer"), 1, &be);
-  store.add(FromFile(examples + "from-trusted-lists/TI-Trust-Technologies-CA1.from-IT-TL-seq194.cer"),
-            1, &it);
+    m.history()->setServiceStatus((tl + "undersupervision").c_str());
+    m.history()->setStatusStartingTime("2012-07-01T00:00:00Z");
+    store.add(FromFile(examples + "from-trusted-lists/" + file), 1, &m);
+  }
   store.add(FromFile(examples + "quillon-example-root-ca.pem"), 3, nullptr);
   LoadedTslRegister reg;
   reg.record({{'B', 'E'}, 66, "https://tsl.belgium.be/tsl-be.xml"});
   reg.record({{'I', 'T'}, 194, "https://eidas.agid.gov.it/TL/TSL-IT.xml"});
-  const Bytes expected = Encode(store, reg);
-
-  const std::string fixture =
-      std::string(QUILLON_SOURCE_DIR) + "/tests/cli/trusted-list-cas/caCertsList-3.5";
+  const std::string fixture = source + "/tests/cli/trusted-list-cas/caCertsList-3.5";
   const char* regenerate = std::getenv("QUILLON_REGENERATE_FIXTURES");
-  if (regenerate && std::string(regenerate) == "1") qt::WriteFile(fixture, expected);
-  EXPECT_EQ(qt::ReadFile(fixture), expected);
+  if (regenerate && std::string(regenerate) == "1") qt::WriteFile(fixture, Encode(store, reg));
+  EXPECT_EQ(qt::ReadFile(fixture), Encode(store, reg));
 }
 
 TEST(CaList, OversizedFileKeepsTheFirst2048EntriesAndReadsTheRegister) {
@@ -374,16 +369,6 @@ std::string PkitsPem(const std::string& name) {
   return Pem(qt::ReadFile(qt::TestDataPath("nist-pkits/certs/" + name + ".crt")));
 }
 
-// |der| with its outer length in four octets: BER, not DER.
-Bytes LongFormLength(const Bytes& der) {
-  const size_t header = der[1] < 0x80 ? 2 : 2 + (der[1] & 0x7F);
-  const size_t n = der.size() - header;
-  Bytes ber = {0x30, 0x84, static_cast<uint8_t>(n >> 24), static_cast<uint8_t>(n >> 16),
-               static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
-  ber.insert(ber.end(), der.begin() + static_cast<long>(header), der.end());
-  return ber;
-}
-
 TEST(CaList, PemListsInitialiseOrAddAndStopAtTheFirstBadBlock) {
   qt::TempDir dir;
   const std::string good_list = "# three CAs\n" + PkitsPem("TrustAnchorRootCertificate") +
@@ -394,7 +379,7 @@ TEST(CaList, PemListsInitialiseOrAddAndStopAtTheFirstBadBlock) {
   qt::WriteFile(dir.File("two-then-bad.pem"), PkitsPem("GoodsubCACert") +
                                                   PkitsPem("BasicSelfIssuedNewKeyCACert") +
                                                   bad_block + good_list);
-  qt::WriteFile(dir.File("ber.pem"), Pem(LongFormLength(qt::ReadFile(
+  qt::WriteFile(dir.File("ber.pem"), Pem(qt::LongFormLength(qt::ReadFile(
                                          qt::TestDataPath("nist-pkits/certs/GoodsubCACert.crt")))));
   IN_CHILD([&] {
     void* ctx = Init(dir);

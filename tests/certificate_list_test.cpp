@@ -333,6 +333,32 @@ TEST(CertificateList, LargeCrlEntriesLookupsAndMemory) {
   }
 }
 
+// Entry sizes that change along the list, so that the first entries misjudge
+// the count one way or the other: every serial is still found at its first
+// entry, repeats included.
+TEST(CertificateList, EntrySizesChangingAlongTheList) {
+  for (bool large_first : {true, false}) {
+    qt::CrlSpec spec{.signingKey = qt::PooledKey(qt::KeyType::kEcP256, 0)};
+    for (long long i = 0; i < 600; ++i) {
+      qt::RevokedSpec r{.serial = i + 1};
+      if ((i < 64) == large_first) {
+        Bytes raw(20, 0x5A);
+        raw[0] = 0x40;
+        raw[18] = static_cast<uint8_t>(i >> 8);
+        raw[19] = static_cast<uint8_t>(i);
+        r = {.serial = qt::Serial::FromBytes(raw), .reason = 1};
+      }
+      spec.revoked.push_back(r);
+    }
+    spec.revoked.push_back(spec.revoked[3]);
+    spec.revoked.push_back(spec.revoked[70]);
+    const Bytes der = qt::MakeCrlDer(spec);
+    CertificateList crl;
+    ASSERT_TRUE(crl.decode(der.data(), der.size()));
+    EXPECT_EQ(ExpectEveryEntryFound(crl), 2u) << large_first;
+  }
+}
+
 // BER input (indefinite lengths) decodes to the DER form and keeps the signed
 // bytes exactly as they came; its copies stand alone once it is gone,
 // whether or not the index was built.

@@ -124,7 +124,7 @@ TEST(Certificate, ExtensionsReadBackAsMade) {
   made.crlDistributionPoints = {by_uri, by_name};
   made.ocspUris = {"http://127.0.0.1:8080/ocsp"};
   made.extKeyUsage = {qt::kOidOcspSigning};
-  made.keyUsage = qt::KeyUsageSpec{{qt::kKuDigitalSignature}, true};
+  made.keyUsage = std::vector<int>{qt::kKuDigitalSignature};
   const Certificate c = Decode(qt::Der(qt::MakeCert(made).get()));
 
   std::vector<DistributionPoint> dps;

@@ -16,7 +16,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -39,13 +38,6 @@ constexpr const char* kRsaSha256 = "1.2.840.113549.1.1.11";
 constexpr const char* kEcdsaSha256 = "1.2.840.10045.4.3.2";
 const Bytes kNull = {0x05, 0x00};
 const Bytes kMessage = {'t', 'b', 's', ' ', 'b', 'y', 't', 'e', 's'};
-
-Bytes Hex(std::string_view hex) {
-  Bytes out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2)
-    out.push_back(static_cast<uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
-  return out;
-}
 
 der::Input In(const Bytes& b) { return der::Input(b); }
 
@@ -106,10 +98,7 @@ const CryptoDevice& Device() {
   return device;
 }
 
-struct PkeyFree {
-  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
+using Pkey = qt::EvpPkeyPtr;
 Pkey EcKey(const char* curve) { return Pkey(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve)); }
 EVP_PKEY* RsaKey() { return qt::PooledKey(qt::KeyType::kRsa2048, 0).get(); }
 
@@ -182,7 +171,6 @@ TEST(CryptoDevice, VerifiesOnlyWhileOpen) {
   EXPECT_FALSE(device.verify(In(alg), In(spki), In(kMessage), In(sig)));
 }
 
-
 // Wycheproof: every case of every file. "acceptable" occurs only in the
 // PKCS#1 v1.5 files, as MissingNull: a DigestInfo without the NULL that
 // signers always write; the device compares the whole DigestInfo and
@@ -212,7 +200,7 @@ TEST_P(CryptoDeviceWycheproof, EveryCase) {
       {"SHA-512", {"2.16.840.1.101.3.4.2.3", "1.2.840.113549.1.1.13", "1.2.840.10045.4.3.4"}}};
   int run = 0;
   for (const auto& group : file["testGroups"]) {
-    const Bytes spki = Hex(group["publicKeyDer"].get<std::string>());
+    const Bytes spki = qt::Unhex(group["publicKeyDer"].get<std::string>());
     const auto& oids = kOids.at(group["sha"]);
     Bytes alg;
     if (algorithm == "RSASSA-PKCS1-v1_5") {
@@ -231,8 +219,8 @@ TEST_P(CryptoDeviceWycheproof, EveryCase) {
       if (result == "acceptable") {
         ASSERT_NE(test["flags"].dump().find("MissingNull"), std::string::npos) << test["tcId"];
       }
-      EXPECT_EQ(Verifies(alg, spki, Hex(test["sig"].get<std::string>()),
-                         Hex(test["msg"].get<std::string>())),
+      EXPECT_EQ(Verifies(alg, spki, qt::Unhex(test["sig"].get<std::string>()),
+                         qt::Unhex(test["msg"].get<std::string>())),
                 result == "valid")
           << "tcId " << test["tcId"] << " (" << result << ") " << test["comment"];
     }
@@ -330,7 +318,7 @@ TEST(CryptoDevice, Frp256v1) {
       {OSSL_PKEY_PARAM_EC_ORDER,
        "F1FD178C0B3AD58F10126DE8CE42435B53DC67E140D2BF941FFDD459C6D655E1"},
       {OSSL_PKEY_PARAM_EC_COFACTOR, "01"}};
-  const Bytes g = Hex(
+  const Bytes g = qt::Unhex(
       "04B6B3D4C356C139EB31183D4749D423958C27D2DCAF98B70164C97A2DD98F5CFF"
       "6142E0F7C8B204911F9271F0F3ECEF8C2701C307E8E4C9E183115A1554062CFB");
   OSSL_PARAM_BLD* bld = OSSL_PARAM_BLD_new();

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "pki/der.h"
@@ -24,7 +25,6 @@ using qt::Attr;
 using qt::DerWriter;
 using qt::NameDer;
 using qt::NameSpec;
-using qt::StrType;
 using Bytes = std::vector<uint8_t>;
 
 struct RealName {
@@ -121,6 +121,28 @@ TEST(NameReal, RoundTripAndPrintFromDer) {
   }
 }
 
+Bytes Atv(const char* oid, uint8_t tag, std::string_view value) {
+  DerWriter w;
+  w.Begin(tder::kSequence);
+  w.Oid(oid);
+  w.Tlv(tag, value);
+  w.End();
+  return w.Take();
+}
+
+Bytes Wrap(uint8_t tag, const std::vector<Bytes>& parts) {
+  DerWriter w;
+  w.Begin(tag);
+  for (const auto& p : parts) w.Raw(p);
+  w.End();
+  return w.Take();
+}
+
+// A name of one RDN holding |atvs|.
+Bytes OneRdn(const std::vector<Bytes>& atvs) {
+  return Wrap(tder::kSequence, {Wrap(tder::kSet, atvs)});
+}
+
 // The printed text is the key of stored CA tables and CRL caches, so it is
 // checked to the character; each name also prints so from its bytes.
 TEST(NamePrint, TableOrderLabelsCharsetsAndQuoting) {
@@ -135,9 +157,6 @@ TEST(NamePrint, TableOrderLabelsCharsetsAndQuoting) {
       {"short labels", {{{"emailAddress", "e@x"}}, {{"DC", "dc"}}, {{"ST", "st"}}},
        "PROV=st, DOM=dc, EMAL=e@x"},
       {"types outside the table", {{{"initials", "Q"}}, {{"UID", "u"}}, {{"CN", "x"}}}, "CN=x"},
-      {"BMPString", {{{"CN", "Città", StrType::kBmp}}}, "CN=Città"},
-      {"UniversalString", {{{"CN", "𝄞", StrType::kUniversal}}}, "CN=𝄞"},
-      {"T61String as Latin-1", {{{"CN", "caf\xE9", StrType::kT61}}}, "CN=café"},
       {"comma and plus quoted", {{{"O", "A, B"}}, {{"CN", "x+y"}}}, "O=\"A, B\", CN=\"x+y\""},
       {"escaped comma bare", {{{"CN", "a\\,b"}}}, "CN=a\\,b"},
       {"leading blank quoted", {{{"O", "  x "}}, {{"CN", "y "}}}, "O=\"  x \", CN=y "},
@@ -148,10 +167,16 @@ TEST(NamePrint, TableOrderLabelsCharsetsAndQuoting) {
       {"empty value", {{{"O", ""}}, {{"CN", "x"}}}, "O=, CN=x"},
       {"first 30 attributes", many, first30},
   };
-  for (const auto& c : kCases) {
-    const Bytes der = NameDer(c.name);
-    EXPECT_EQ(Decoded(der).toString(), c.text) << c.what;
-    ExpectPrintedLikeDecoded(der, c.what);
+  std::vector<std::tuple<std::string, Bytes, std::string>> cases = {
+      {"BMPString", OneRdn({Atv("2.5.4.3", tder::kBmpString, {"\0C\0i\0t\0t\0\xE0", 10})}),
+       "CN=Città"},
+      {"UniversalString", OneRdn({Atv("2.5.4.3", tder::kUniversalString, {"\0\x01\xD1\x1E", 4})}),
+       "CN=𝄞"},
+      {"T61String as Latin-1", OneRdn({Atv("2.5.4.3", tder::kT61String, "caf\xE9")}), "CN=café"}};
+  for (const auto& c : kCases) cases.emplace_back(c.what, NameDer(c.name), c.text);
+  for (const auto& [what, der, text] : cases) {
+    EXPECT_EQ(Decoded(der).toString(), text) << what;
+    ExpectPrintedLikeDecoded(der, what);
   }
 }
 
@@ -220,28 +245,6 @@ TEST(NameNormalise, ParsedNamesAndValueTypes) {
     EXPECT_EQ(name.rdns()[0][0].valueTag, c.tag_after) << c.type << " " << c.tag;
     EXPECT_EQ(name.rdns()[0][0].value, c.after) << c.type << " " << c.tag;
   }
-}
-
-Bytes Atv(const char* oid, uint8_t tag, std::string_view value) {
-  DerWriter w;
-  w.Begin(tder::kSequence);
-  w.Oid(oid);
-  w.Tlv(tag, value);
-  w.End();
-  return w.Take();
-}
-
-Bytes Wrap(uint8_t tag, const std::vector<Bytes>& parts) {
-  DerWriter w;
-  w.Begin(tag);
-  for (const auto& p : parts) w.Raw(p);
-  w.End();
-  return w.Take();
-}
-
-// A name of one RDN holding |atvs|.
-Bytes OneRdn(const std::vector<Bytes>& atvs) {
-  return Wrap(tder::kSequence, {Wrap(tder::kSet, atvs)});
 }
 
 TEST(NameDecode, MalformedInputsLeaveTheNameUnchanged) {

@@ -186,7 +186,9 @@ TEST(OcspResponse, BoringSslCasesDecodeAndRebuildTheirRequests) {
 }
 
 // Made here: a responder named by key, a nonce, and single responses unknown
-// and revoked with a reason and invalidityDate, which the real ones lack.
+// and revoked with a reason (7 is outside CRLReason: revoked, with no reason)
+// and invalidityDate, which the real ones lack. ResponseData of version v2 or
+// with an element after its last, and a certStatus [3], are refused.
 TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
   const qt::Pki pki = qt::MakePki(qt::KeyType::kEcP256);
   const time_t produced = qt::UtcTime(2024, 5, 1, 12), revoked = qt::UtcTime(2023, 2, 3, 4, 5, 6);
@@ -203,7 +205,11 @@ TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
                       .serial = 7,
                       .status = qt::CertStatus::kUnknown,
                       .thisUpdate = produced - 60,
-                      .nextUpdate = produced + 86400}},
+                      .nextUpdate = produced + 86400},
+                     {.issuerCert = pki.intermediate.get(),
+                      .serial = 8,
+                      .status = qt::CertStatus::kRevoked,
+                      .reason = 7}},
        .producedAt = produced,
        .signerCert = pki.intermediate.get(),
        .signerKey = pki.intermediateKey,
@@ -216,7 +222,7 @@ TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
   EXPECT_TRUE(VerifiesWith(b, pki.intermediateKey));
   EXPECT_NE(b.responseExtension("1.3.6.1.5.5.7.48.1.2"), nullptr);
   EXPECT_EQ(ToBytes(b.responderKeyHash()), qt::KeyIdentifier(pki.intermediateKey));
-  ASSERT_EQ(b.responses().size(), 2u);
+  ASSERT_EQ(b.responses().size(), 3u);
   const OCSPSingleResponse &first = b.responses()[0], &second = b.responses()[1];
   EXPECT_EQ(first.certStatus, OCSPSingleResponse::kRevoked);
   EXPECT_EQ(first.revocationTime.seconds(), revoked);
@@ -228,64 +234,37 @@ TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
   EXPECT_EQ(invalidity.seconds(), invalid);
   EXPECT_EQ(second.certStatus, OCSPSingleResponse::kUnknown);
   EXPECT_EQ(second.nextUpdate.seconds(), produced + 86400);
-}
+  EXPECT_EQ(b.responses()[2].certStatus, OCSPSingleResponse::kRevoked);
+  EXPECT_EQ(b.responses()[2].revocationReason, -1);
 
-// A hand-built BasicOCSPResponse with one revoked SingleResponse, altered as
-// |variant| says (the signature is not a real one).
-Bytes HandBuiltBasic(const std::string& variant) {
-  qt::DerWriter w;
-  w.Begin(tag::kSequence);
-  w.Begin(tag::kSequence);  // ResponseData
-  if (variant == "version v2") {
-    w.Begin(tag::CtxCons(0));
-    w.Integer(1);
+  // The same ResponseData content with an element before or after it, or
+  // the unknown status's [2] turned into [3], signed again.
+  const ByteView tbs = b.tbsResponseData();
+  const size_t header = tbs.data[1] < 0x80 ? 2 : 2 + (tbs.data[1] & 0x7F);
+  const auto resigned = [&](const Bytes& before, const Bytes& content, const Bytes& after) {
+    qt::DerWriter w;
+    w.Begin(tag::kSequence);
+    w.Raw(before);
+    w.Raw(content);
+    w.Raw(after);
     w.End();
-  }
-  w.Begin(tag::CtxCons(2));
-  w.OctetString(Bytes(20, 0x11));
-  w.End();
-  w.GeneralizedTime(1700000000);
-  w.Begin(tag::kSequence);  // responses
-  w.Begin(tag::kSequence);  // SingleResponse
-  w.Begin(tag::kSequence);  // CertID { sha1, name hash, key hash, serial 5 }
-  w.Begin(tag::kSequence);
-  w.Oid("1.3.14.3.2.26");
-  w.End();
-  w.OctetString(Bytes(20, 0x22));
-  w.OctetString(Bytes(20, 0x33));
-  w.Integer(5);
-  w.End();
-  w.Begin(tag::CtxCons(variant == "certStatus [3]" ? 3 : 1));
-  w.GeneralizedTime(1600000000);
-  w.Begin(tag::CtxCons(0));
-  w.Enumerated(variant == "reason 7" ? 7 : 1);
-  w.End();
-  w.End();
-  w.GeneralizedTime(1699990000);
-  w.End();  // SingleResponse
-  w.End();  // responses
-  if (variant == "trailing element") w.Null();
-  w.End();  // ResponseData
-  w.Begin(tag::kSequence);
-  w.Oid("1.2.840.10045.4.3.2");
-  w.End();
-  w.BitString(Bytes(8, 0x44));
-  w.End();
-  return w.Take();
-}
-
-// Reason 7 is outside CRLReason: revoked, with no reason.
-TEST(OcspResponse, MalformedBasicResponsesFail) {
-  const std::pair<const char*, int> kCases[] = {  // variant, reason read (0: fails)
-      {"", 1}, {"reason 7", -1}, {"version v2", 0}, {"certStatus [3]", 0}, {"trailing element", 0}};
-  for (const auto& [variant, reason] : kCases) {
-    const Bytes der = HandBuiltBasic(variant);
-    BasicOCSPResponse b;
-    ASSERT_EQ(b.decode(der.data(), der.size()), reason != 0) << variant;
-    EXPECT_EQ(b.encode().empty(), reason == 0) << variant;
-    if (reason) {
-      EXPECT_EQ(b.responses()[0].revocationReason, reason) << variant;
-    }
+    return qt::SignTbs(w.Take(), pki.intermediateKey);
+  };
+  const Bytes content(tbs.data + header, tbs.data + tbs.size);
+  Bytes status_3 = content;
+  const Bytes unknown = {0x02, 0x01, 0x07, 0x82, 0x00};  // serial 7, unknown
+  const auto at = std::search(status_3.begin(), status_3.end(), unknown.begin(), unknown.end());
+  ASSERT_NE(at, status_3.end());
+  at[3] = 0x83;
+  const std::pair<const char*, Bytes> kCases[] = {
+      {"as made", resigned({}, content, {})},
+      {"version v2", resigned({0xA0, 0x03, 0x02, 0x01, 0x01}, content, {})},
+      {"trailing element", resigned({}, content, {0x05, 0x00})},
+      {"certStatus [3]", resigned({}, status_3, {})},
+  };
+  for (const auto& [name, basic] : kCases) {
+    BasicOCSPResponse again;
+    EXPECT_EQ(again.decode(basic.data(), basic.size()), name == std::string("as made")) << name;
   }
 }
 
@@ -321,31 +300,19 @@ TEST(OcspResponse, BerResponseKeepsTheSignedBytesAsReceived) {
   OCSPResponse r;
   BasicOCSPResponse b;
   ASSERT_TRUE(DecodeBasic(der, &r, &b));
-  // tbsResponseData again with its length in four octets, signed as such.
-  const Bytes tbs = ToBytes(b.tbsResponseData());
-  const size_t header = tbs[1] < 0x80 ? 2 : 2 + (tbs[1] & 0x7F), length = tbs.size() - header;
-  Bytes ber_tbs(6 + length);
-  ber_tbs[0] = 0x30;
-  ber_tbs[1] = 0x84;
-  ber_tbs[4] = static_cast<uint8_t>(length >> 8);
-  ber_tbs[5] = static_cast<uint8_t>(length);
-  std::copy(tbs.begin() + static_cast<long>(header), tbs.end(), ber_tbs.begin() + 6);
+  const Bytes tbs = ToBytes(b.tbsResponseData()), ber_tbs = qt::LongFormLength(tbs);
   const Bytes ber = qt::SignTbs(ber_tbs, pki.intermediateKey);
-  // What encoding must give: the same with the DER tbsResponseData.
-  qt::DerWriter w;
-  w.Begin(tag::kSequence);
-  w.Raw(tbs);
-  const size_t outer_header = ber[1] < 0x80 ? 2 : 2 + (ber[1] & 0x7F);
-  w.Raw(Bytes(ber.begin() + static_cast<long>(outer_header + ber_tbs.size()), ber.end()));
-  w.End();
 
-  BasicOCSPResponse from_ber;
+  BasicOCSPResponse from_ber, again;
   ASSERT_TRUE(from_ber.decode(ber.data(), ber.size()));
   EXPECT_FALSE(from_ber.isStrictDER());
   EXPECT_EQ(ToBytes(from_ber.tbsResponseData()), ber_tbs);
-  EXPECT_EQ(from_ber.encode(), w.Take());
   EXPECT_TRUE(VerifiesWith(from_ber, pki.intermediateKey));
   EXPECT_EQ(ToBytes(BasicOCSPResponse(from_ber).tbsResponseData()), ber_tbs);
+  const Bytes encoded = from_ber.encode();
+  ASSERT_TRUE(again.decode(encoded.data(), encoded.size()));
+  EXPECT_TRUE(again.isStrictDER());
+  EXPECT_EQ(ToBytes(again.tbsResponseData()), tbs);
   OCSPResponse wrapped;
   BasicOCSPResponse unwrapped;
   ASSERT_TRUE(wrapped.fromBasicResponse(from_ber) && wrapped.basicResponse(&unwrapped));

@@ -1,5 +1,5 @@
-// Helpers shared by the CA table tests: running a case in a child process
-// of its own, and small conversions for the C-style exported functions.
+// Helpers shared by the tests of the exported functions: running a case in a
+// child process of its own, and small conversions for the C-style calls.
 #ifndef QUILLON_TESTS_SUPPORT_CA_TEST_HELPERS_H_
 #define QUILLON_TESTS_SUPPORT_CA_TEST_HELPERS_H_
 

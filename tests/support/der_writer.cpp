@@ -18,15 +18,6 @@ std::vector<uint8_t> DerWriter::EncodeLength(size_t length) {
   return out;
 }
 
-void DerWriter::AppendLength(size_t length) {
-  if (length < 0x80) {
-    out_.push_back(static_cast<uint8_t>(length));
-    return;
-  }
-  auto enc = EncodeLength(length);
-  out_.insert(out_.end(), enc.begin(), enc.end());
-}
-
 void DerWriter::Begin(uint8_t tag) {
   out_.push_back(tag);
   open_.push_back(out_.size());
@@ -34,21 +25,16 @@ void DerWriter::Begin(uint8_t tag) {
 
 void DerWriter::End() {
   if (open_.empty()) throw std::logic_error("DerWriter::End without Begin");
-  size_t start = open_.back();
+  const size_t start = open_.back();
   open_.pop_back();
-  size_t length = out_.size() - start;
-  if (length < 0x80) {
-    out_.insert(out_.begin() + static_cast<std::ptrdiff_t>(start), static_cast<uint8_t>(length));
-  } else {
-    auto enc = EncodeLength(length);
-    out_.insert(out_.begin() + static_cast<std::ptrdiff_t>(start), enc.begin(), enc.end());
-  }
+  const auto enc = EncodeLength(out_.size() - start);
+  out_.insert(out_.begin() + static_cast<std::ptrdiff_t>(start), enc.begin(), enc.end());
 }
 
 void DerWriter::Tlv(uint8_t tag, std::span<const uint8_t> content) {
   out_.push_back(tag);
-  AppendLength(content.size());
-  out_.insert(out_.end(), content.begin(), content.end());
+  Raw(EncodeLength(content.size()));
+  Raw(content);
 }
 
 void DerWriter::Tlv(uint8_t tag, std::string_view content) {
@@ -136,14 +122,14 @@ void DerWriter::Oid(std::string_view dotted) { Tlv(der::kOid, EncodeOid(dotted))
 
 void DerWriter::OctetString(std::span<const uint8_t> content) { Tlv(der::kOctetString, content); }
 
-void DerWriter::BitString(std::span<const uint8_t> bytes, int unusedBits) {
-  out_.push_back(der::kBitString);
-  AppendLength(bytes.size() + 1);
-  out_.push_back(static_cast<uint8_t>(unusedBits));
-  out_.insert(out_.end(), bytes.begin(), bytes.end());
+void DerWriter::BitString(std::span<const uint8_t> bytes) {
+  Begin(der::kBitString);
+  out_.push_back(0);  // no unused bits
+  Raw(bytes);
+  End();
 }
 
-void DerWriter::NamedBits(std::span<const int> bits, uint8_t tag) {
+void DerWriter::NamedBits(std::span<const int> bits) {
   int highest = -1;
   for (int b : bits) {
     if (b < 0) throw std::invalid_argument("negative bit number");
@@ -158,7 +144,7 @@ void DerWriter::NamedBits(std::span<const int> bits, uint8_t tag) {
     content.push_back(static_cast<uint8_t>(7 - highest % 8));
     content.insert(content.end(), v.begin(), v.end());
   }
-  Tlv(tag, content);
+  Tlv(der::kBitString, content);
 }
 
 void DerWriter::TimeDigits(time_t t, bool fourDigitYear, uint8_t tag) {

@@ -63,10 +63,10 @@ class DerWriter {
   // OBJECT IDENTIFIER from dotted text ("2.5.29.15"); throws on bad text.
   void Oid(std::string_view dotted);
   void OctetString(std::span<const uint8_t> content);
-  void BitString(std::span<const uint8_t> bytes, int unusedBits = 0);
+  void BitString(std::span<const uint8_t> bytes);  // no unused bits
   // A NamedBitList BIT STRING (key usage, reason flags) with the given bit
   // numbers set and trailing zero bits removed, as DER requires.
-  void NamedBits(std::span<const int> bits, uint8_t tag = der::kBitString);
+  void NamedBits(std::span<const int> bits);
   // RFC 5280 Time: UTCTime for years 1950-2049, GeneralizedTime otherwise
   // or when forced.
   void Time(time_t t, bool forceGeneralized = false);
@@ -87,7 +87,6 @@ class DerWriter {
   static std::vector<uint8_t> UnsignedContent(uint64_t value);
 
  private:
-  void AppendLength(size_t length);
   void TimeDigits(time_t t, bool fourDigitYear, uint8_t tag);
 
   std::vector<uint8_t> out_;

@@ -14,7 +14,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -88,51 +87,15 @@ Serial RandomSerial() {
 
 // --- Names -----------------------------------------------------------------
 
-// UTF-8 to code points; throws on malformed input.
-std::vector<uint32_t> DecodeUtf8(const std::string& s) {
-  std::vector<uint32_t> out;
-  for (size_t i = 0; i < s.size();) {
-    const auto c = static_cast<uint8_t>(s[i]);
-    const size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3
-                                  : (c & 0xF8) == 0xF0 ? 4 : 0;
-    if (n == 0 || i + n > s.size()) Fail("invalid UTF-8 in name value");
-    uint32_t cp = n == 1 ? c : c & (0x7F >> n);
-    for (size_t k = 1; k < n; ++k) {
-      const auto cc = static_cast<uint8_t>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) Fail("invalid UTF-8 in name value");
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    out.push_back(cp);
-    i += n;
-  }
-  return out;
-}
-
-// The code points of |s|, each as |width| big-endian octets.
-Bytes WideString(const std::string& s, int width) {
-  Bytes v;
-  for (uint32_t cp : DecodeUtf8(s)) {
-    if (width == 2 && cp > 0xFFFF) Fail("code point outside the BMP in a BMPString");
-    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
-      v.push_back(static_cast<uint8_t>(cp >> shift));
-  }
-  return v;
-}
-
-void WriteAttrValue(DerWriter& w, const std::string& dottedType, const Attr& a) {
-  switch (a.strType) {
-    case StrType::kDefault:
-      if (dottedType == "2.5.4.6" || dottedType == "2.5.4.5" || dottedType == "2.5.4.46")
-        w.Tlv(der::kPrintableString, a.value);
-      else if (dottedType == "1.2.840.113549.1.9.1" || dottedType == "0.9.2342.19200300.100.1.25")
-        w.Tlv(der::kIa5String, a.value);
-      else
-        w.Tlv(der::kUtf8String, a.value);
-      break;
-    case StrType::kT61: w.Tlv(der::kT61String, a.value); break;
-    case StrType::kBmp: w.Tlv(der::kBmpString, WideString(a.value, 2)); break;
-    case StrType::kUniversal: w.Tlv(der::kUniversalString, WideString(a.value, 4)); break;
-  }
+// The value's string type: PrintableString for C, serialNumber and
+// dnQualifier; IA5String for emailAddress and DC; UTF8String otherwise.
+void WriteAttrValue(DerWriter& w, const std::string& dottedType, const std::string& value) {
+  if (dottedType == "2.5.4.6" || dottedType == "2.5.4.5" || dottedType == "2.5.4.46")
+    w.Tlv(der::kPrintableString, value);
+  else if (dottedType == "1.2.840.113549.1.9.1" || dottedType == "0.9.2342.19200300.100.1.25")
+    w.Tlv(der::kIa5String, value);
+  else
+    w.Tlv(der::kUtf8String, value);
 }
 
 Bytes NameDerOf(const X509_NAME* name) { return ToDer(i2d_X509_NAME, name, "i2d_X509_NAME"); }
@@ -247,8 +210,8 @@ Bytes BuildCrl(const CrlSpec& s, const Bytes& issuer, size_t entryCount, size_t 
     if (s.version == 2) w.Integer(1);
     w.Raw(algId);
     w.Raw(issuer);
-    w.Time(s.thisUpdate, s.forceGeneralizedTime);
-    if (s.nextUpdate) w.Time(*s.nextUpdate, s.forceGeneralizedTime);
+    w.Time(s.thisUpdate);
+    if (s.nextUpdate) w.Time(*s.nextUpdate);
     if (entryCount > 0) {
       w.Begin(der::kSequence);
       writeEntries(w);
@@ -262,17 +225,10 @@ Bytes BuildCrl(const CrlSpec& s, const Bytes& issuer, size_t entryCount, size_t 
         WriteExtension(w, "2.5.29.20", false,
                        Encode([&](DerWriter& v) { v.Integer(s.crlNumber->bytes); }));
       if (const auto& idp = s.issuingDistributionPoint) {
-        // IssuingDistributionPoint ::= SEQUENCE { distributionPoint [0] OPTIONAL,
-        //   onlyContainsUserCerts [1], onlyContainsCACerts [2], onlySomeReasons [3],
-        //   indirectCRL [4], onlyContainsAttributeCerts [5] }
-        static const uint8_t kTrue[] = {0xFF};
+        // IssuingDistributionPoint ::= SEQUENCE { distributionPoint [0] OPTIONAL, ... }
         WriteExtension(w, "2.5.29.28", true, Encode([&](DerWriter& v) {
                          v.Begin(der::kSequence);
                          if (!idp->uris.empty()) WriteFullName(v, idp->uris);
-                         if (idp->onlyContainsCaCerts) v.Tlv(der::Ctx(2), kTrue);
-                         if (!idp->onlySomeReasons.empty())
-                           v.NamedBits(idp->onlySomeReasons, der::Ctx(3));
-                         if (idp->indirectCrl) v.Tlv(der::Ctx(4), kTrue);
                          v.End();
                        }));
       }
@@ -282,10 +238,6 @@ Bytes BuildCrl(const CrlSpec& s, const Bytes& issuer, size_t entryCount, size_t 
     w.End();
   });
 }
-
-// The crlEntryExtensions of an entry whose only extension is a reasonCode, by
-// reason code.
-using ReasonOnlyExtensions = std::array<Bytes, 11>;
 
 Bytes EntryExtensions(std::optional<int> reason, std::optional<time_t> invalidityDate) {
   return Encode([&](DerWriter& w) {
@@ -298,18 +250,13 @@ Bytes EntryExtensions(std::optional<int> reason, std::optional<time_t> invalidit
   });
 }
 
-// One revokedCertificates entry. A reason-only entry takes its extensions
-// from |cached| when given: million-entry lists encode them once.
-void WriteEntry(DerWriter& w, const Bytes& serial, time_t date, bool generalized,
-                std::optional<int> reason, std::optional<time_t> invalidityDate,
-                const ReasonOnlyExtensions* cached = nullptr) {
+// One revokedCertificates entry.
+void WriteEntry(DerWriter& w, const Bytes& serial, time_t date, std::optional<int> reason,
+                std::optional<time_t> invalidityDate) {
   w.Begin(der::kSequence);
   w.Integer(serial);
-  w.Time(date, generalized);
-  if (reason && !invalidityDate && cached)
-    w.Raw(cached->at(static_cast<size_t>(*reason)));
-  else if (reason || invalidityDate)
-    w.Raw(EntryExtensions(reason, invalidityDate));
+  w.Time(date);
+  if (reason || invalidityDate) w.Raw(EntryExtensions(reason, invalidityDate));
   w.End();
 }
 
@@ -347,21 +294,6 @@ constexpr int kLargeCrlReasons[] = {1, 4, 5, 3, 6, 9};
 
 // ---------------------------------------------------------------------------
 // Keys.
-
-Key::Key(const Key& other) {
-  if (other.pkey_) {
-    EVP_PKEY_up_ref(other.pkey_.get());
-    pkey_.reset(other.pkey_.get());
-  }
-}
-
-Key& Key::operator=(const Key& other) {
-  if (this != &other) {
-    Key copy(other);
-    *this = std::move(copy);
-  }
-  return *this;
-}
 
 Key MakeKey(KeyType type) {
   EVP_PKEY* p = type == KeyType::kRsa2048 ? EVP_RSA_gen(2048) : EVP_EC_gen("P-256");
@@ -415,7 +347,9 @@ Serial Serial::FromBytes(std::vector<uint8_t> raw) {
   return s;
 }
 
-Serial Serial::FromHex(const std::string& hexIn) {
+Serial Serial::FromHex(const std::string& hex) { return FromBytes(Unhex(hex)); }
+
+std::vector<uint8_t> Unhex(const std::string& hexIn) {
   const std::string hex = hexIn.size() % 2 ? "0" + hexIn : hexIn;
   const auto nibble = [&](char c) -> uint8_t {
     if (c >= '0' && c <= '9') return static_cast<uint8_t>(c - '0');
@@ -426,7 +360,7 @@ Serial Serial::FromHex(const std::string& hexIn) {
   Bytes b;
   for (size_t i = 0; i < hex.size(); i += 2)
     b.push_back(static_cast<uint8_t>(nibble(hex[i]) << 4 | nibble(hex[i + 1])));
-  return FromBytes(std::move(b));
+  return b;
 }
 
 std::string Hex(const std::vector<uint8_t>& bytes) {
@@ -466,7 +400,7 @@ std::vector<uint8_t> NameDer(const NameSpec& name) {
       atvs.push_back(Encode([&](DerWriter& aw) {
         aw.Begin(der::kSequence);
         aw.Oid(dotted);
-        WriteAttrValue(aw, dotted, a);
+        WriteAttrValue(aw, dotted, a.value);
         aw.End();
       }));
     }
@@ -527,8 +461,8 @@ X509Ptr MakeCert(const CertSpec& s) {
                        v.End();
                      }));
     if (s.keyUsage)
-      WriteExtension(w, "2.5.29.15", s.keyUsage->critical,
-                     Encode([&](DerWriter& v) { v.NamedBits(s.keyUsage->bits); }));
+      WriteExtension(w, "2.5.29.15", true,
+                     Encode([&](DerWriter& v) { v.NamedBits(*s.keyUsage); }));
     if (!s.extKeyUsage.empty())
       WriteExtension(w, "2.5.29.37", false, Encode([&](DerWriter& v) {
                        v.Begin(der::kSequence);
@@ -577,7 +511,7 @@ CertSpec RootCaSpec(const NameSpec& subject, const Key& key) {
   s.notBefore = Now() - 30 * kDay;
   s.notAfter = Now() + 10 * 365 * kDay;
   s.ca = true;
-  s.keyUsage = KeyUsageSpec{.bits = {kKuKeyCertSign, kKuCrlSign}};
+  s.keyUsage = std::vector<int>{kKuKeyCertSign, kKuCrlSign};
   return s;
 }
 
@@ -588,13 +522,13 @@ CertSpec LeafSpec(const NameSpec& subject, const Key& key, const X509* issuerCer
   s.subjectKey = key;
   s.issuerCert = issuerCert;
   s.issuerKey = issuerKey;
-  s.keyUsage = KeyUsageSpec{.bits = {kKuDigitalSignature, kKuNonRepudiation}};
+  s.keyUsage = std::vector<int>{kKuDigitalSignature, kKuNonRepudiation};
   return s;
 }
 
 X509Ptr MakeOcspResponderCert(const X509* caCert, const Key& caKey, const Key& responderKey) {
   CertSpec s = LeafSpec(TestName("Quillon Test OCSP Responder"), responderKey, caCert, caKey);
-  s.keyUsage = KeyUsageSpec{.bits = {kKuDigitalSignature}};
+  s.keyUsage = std::vector<int>{kKuDigitalSignature};
   s.extKeyUsage = {kOidOcspSigning};
   return MakeCert(s);
 }
@@ -621,6 +555,16 @@ std::vector<uint8_t> SignatureAlgorithmDer(const Key& key) {
   return AlgorithmIdOf(InitSign(key).get());
 }
 
+std::vector<uint8_t> LongFormLength(const std::vector<uint8_t>& der) {
+  const size_t header = der[1] < 0x80 ? 2 : 2 + (der[1] & 0x7F), n = der.size() - header;
+  Bytes ber(6 + n);
+  ber[0] = der[0];
+  ber[1] = 0x84;
+  for (int i = 0; i < 4; ++i) ber[static_cast<size_t>(2 + i)] = static_cast<uint8_t>(n >> (24 - 8 * i));
+  std::copy(der.begin() + static_cast<std::ptrdiff_t>(header), der.end(), ber.begin() + 6);
+  return ber;
+}
+
 Pki MakePki(KeyType type) {
   Pki pki;
   const Key rootKey = MakeKey(type), leafKey = MakeKey(type);
@@ -643,9 +587,8 @@ std::vector<uint8_t> MakeCrlDer(const CrlSpec& s) {
   return BuildCrl(s, NameDer(TestName("Quillon Test CA")), s.revoked.size(),
                   s.revoked.size() * 64, [&](DerWriter& w) {
                     for (const RevokedSpec& r : s.revoked) {
-                      WriteEntry(w, r.serial.bytes, r.revocationDate, s.forceGeneralizedTime,
-                                 v2 ? r.reason : std::nullopt,
-                                 v2 ? r.invalidityDate : std::nullopt);
+                      WriteEntry(w, r.serial.bytes, r.revocationDate,
+                                 v2 ? r.reason : std::nullopt, std::nullopt);
                     }
                   });
 }
@@ -656,8 +599,6 @@ Serial LargeCrlAbsentSerial(size_t k, uint64_t seed) { return LargeSerial(k, see
 
 std::vector<uint8_t> MakeLargeCrl(const Key& issuerKey, const NameSpec& issuer, size_t entries,
                                   uint64_t seed) {
-  ReasonOnlyExtensions cached;
-  for (int r : kLargeCrlReasons) cached[static_cast<size_t>(r)] = EntryExtensions(r, std::nullopt);
   static const time_t kBase = UtcTime(2020, 1, 1);
   const auto write_entries = [&](DerWriter& w) {
     for (size_t i = 0; i < entries; ++i) {
@@ -667,7 +608,7 @@ std::vector<uint8_t> MakeLargeCrl(const Key& issuerKey, const NameSpec& issuer, 
       if (i % 3 == 0) reason = kLargeCrlReasons[(i / 3) % std::size(kLargeCrlReasons)];
       std::optional<time_t> invalidity;
       if (i % 100000 == 1) invalidity = date - kDay;
-      WriteEntry(w, LargeCrlSerial(i, seed).bytes, date, false, reason, invalidity, &cached);
+      WriteEntry(w, LargeCrlSerial(i, seed).bytes, date, reason, invalidity);
     }
   };
   return BuildCrl(CrlSpec{.signingKey = issuerKey}, NameDer(issuer), entries, entries * 48,
@@ -722,8 +663,6 @@ std::vector<uint8_t> MakeOcspDer(const OcspSpec& s) {
   // producedAt is set here and kept by OCSP_NOTIME below.
   auto* produced = const_cast<ASN1_GENERALIZEDTIME*>(OCSP_resp_get0_produced_at(bs.get()));
   if (produced == nullptr || !ASN1_GENERALIZEDTIME_set(produced, s.producedAt)) Fail("producedAt");
-  for (const X509* c : s.certs)
-    if (!OCSP_basic_add1_cert(bs.get(), const_cast<X509*>(c))) Fail("OCSP_basic_add1_cert");
 
   unsigned long flags = OCSP_NOCERTS | OCSP_NOTIME;
   if (s.responderId == ResponderIdType::kByKey) flags |= OCSP_RESPID_KEY;

@@ -43,22 +43,18 @@ using EvpMdCtxPtr = OpenSslPtr<EVP_MD_CTX, EVP_MD_CTX_free>;
 
 enum class KeyType { kRsa2048, kEcP256 };
 
-// A key pair. Copies share the same EVP_PKEY (reference-counted); keys are
-// never modified after generation. An empty Key means "not given".
+// A key pair. Copies share the same EVP_PKEY; keys are never modified after
+// generation. An empty Key means "not given".
 class Key {
  public:
   Key() = default;
-  explicit Key(EvpPkeyPtr pkey) : pkey_(std::move(pkey)) {}
-  Key(const Key& other);
-  Key& operator=(const Key& other);
-  Key(Key&&) noexcept = default;
-  Key& operator=(Key&&) noexcept = default;
+  explicit Key(EvpPkeyPtr pkey) : pkey_(pkey.release(), EVP_PKEY_free) {}
 
   EVP_PKEY* get() const { return pkey_.get(); }
   explicit operator bool() const { return pkey_ != nullptr; }
 
  private:
-  EvpPkeyPtr pkey_;
+  std::shared_ptr<EVP_PKEY> pkey_;
 };
 
 // A newly generated key (slow for RSA: a few hundred milliseconds).
@@ -103,25 +99,20 @@ struct Serial {
 
 // Upper-case hexadecimal of bytes, no separators.
 std::string Hex(const std::vector<uint8_t>& bytes);
+// The bytes of hexadecimal text (either case); an odd number of digits gets a
+// leading 0.
+std::vector<uint8_t> Unhex(const std::string& hex);
 
 // ---------------------------------------------------------------------------
 // Distinguished names.
 
-enum class StrType {
-  kDefault,    // PrintableString for C, serialNumber and dnQualifier; IA5String
-               // for emailAddress and DC; UTF8String otherwise
-  kT61,        // T61String (TeletexString): the value's bytes as given
-  kBmp,        // BMPString: the UTF-8 value converted to UCS-2 big-endian
-  kUniversal,  // UniversalString: the UTF-8 value converted to UCS-4 big-endian
-};
-
 // One attribute: type as a short or long name known to OpenSSL ("CN",
-// "organizationName") or dotted OID ("2.5.4.3"), the value (UTF-8 text) and
-// its string type.
+// "organizationName") or dotted OID ("2.5.4.3") and the value (UTF-8 text),
+// written as PrintableString for C, serialNumber and dnQualifier, IA5String
+// for emailAddress and DC, UTF8String otherwise.
 struct Attr {
   std::string type{};
   std::string value{};
-  StrType strType = StrType::kDefault;
 };
 // A Name: the RDN sequence, most significant first (C, O, ..., CN). An RDN
 // of more than one attribute is multi-valued ("CN=a+O=b"), written in DER
@@ -147,11 +138,6 @@ inline constexpr int kKuKeyCertSign = 5;
 inline constexpr int kKuCrlSign = 6;
 
 inline constexpr const char* kOidOcspSigning = "1.3.6.1.5.5.7.3.9";
-
-struct KeyUsageSpec {
-  std::vector<int> bits{};  // kKu* bit numbers
-  bool critical = true;
-};
 
 // One DistributionPoint of cRLDistributionPoints: a fullName of URIs, then
 // directory names.
@@ -185,7 +171,7 @@ struct CertSpec {
   time_t notAfter = Now() + 365 * kDay;
 
   bool ca = false;
-  std::optional<KeyUsageSpec> keyUsage{};
+  std::optional<std::vector<int>> keyUsage{};  // kKu* bit numbers; critical
   std::vector<std::string> extKeyUsage{};  // OIDs
   std::vector<DistPointSpec> crlDistributionPoints{};
   std::vector<std::string> ocspUris{};  // authorityInfoAccess id-ad-ocsp
@@ -212,6 +198,8 @@ X509Ptr ParseCert(const std::vector<uint8_t>& der);
 std::vector<uint8_t> SignTbs(const std::vector<uint8_t>& tbs, const Key& key);
 // The DER AlgorithmIdentifier of the signatures made with |key|.
 std::vector<uint8_t> SignatureAlgorithmDer(const Key& key);
+// |der| (one element) with its outer length in four octets: BER, not DER.
+std::vector<uint8_t> LongFormLength(const std::vector<uint8_t>& der);
 
 // Root -> intermediate -> leaf in one call: "Quillon Test Root CA",
 // "Quillon Test Intermediate CA" and "Quillon Test Leaf" under TestName().
@@ -228,16 +216,12 @@ Pki MakePki(KeyType type);
 struct RevokedSpec {
   Serial serial = 1;
   time_t revocationDate = Now() - kDay;
-  std::optional<int> reason{};             // reasonCode entry extension
-  std::optional<time_t> invalidityDate{};  // invalidityDate entry extension
+  std::optional<int> reason{};  // reasonCode entry extension
 };
 
 // issuingDistributionPoint (RFC 5280 5.2.5), critical.
 struct IdpSpec {
   std::vector<std::string> uris{};  // distributionPoint fullName URIs; empty = absent
-  bool onlyContainsCaCerts = false;
-  std::vector<int> onlySomeReasons{};  // ReasonFlags bits; empty = absent
-  bool indirectCrl = false;
 };
 
 struct CrlSpec {
@@ -246,7 +230,6 @@ struct CrlSpec {
   int version = 2;  // 1: no version field and no extensions at all
   time_t thisUpdate = Now() - kHour;
   std::optional<time_t> nextUpdate = Now() + 7 * kDay;  // nullopt: absent
-  bool forceGeneralizedTime = false;  // for this/nextUpdate and revocation dates
 
   std::vector<RevokedSpec> revoked{};  // written in this order; none: field absent
 
@@ -297,9 +280,6 @@ struct OcspSpec {
   Key signerKey{};
   Key signWithKey{};  // empty: signerKey; an unrelated key makes a wrong signature
   ResponderIdType responderId = ResponderIdType::kByName;
-  // The certs field, in order (e.g. the delegated responder certificate);
-  // empty: absent.
-  std::vector<const X509*> certs{};
   std::optional<std::vector<uint8_t>> nonce{};  // id-pkix-ocsp-nonce
 };
 

@@ -87,13 +87,11 @@ class QUILLON32_API CertificateList {
   std::string entrySerialText(size_t index) const;
   // The index of the first entry, in encoded order, whose serial printed with
   // BigInteger::toHex() equals |serialText| exactly (case-sensitive, no
-  // leading-zero normalisation); -1 when none. Builds the serial index on
-  // first use.
-  // Not thread-safe until the index exists: the first findSerial() writes
-  // it. Call buildIndex() before sharing the object between threads; after
-  // that, concurrent const calls are safe.
+  // leading-zero normalisation); -1 when none. The serial index it uses is
+  // built by decode(), so concurrent const calls are safe at once.
   long findSerial(const char* serialText) const;
-  // Builds the serial index now (otherwise built by the first findSerial).
+  // Does nothing: decode() builds the serial index as it reads the entries.
+  // Kept so that code written to build it ahead of sharing still compiles.
   // A copy keeps the index of the object it was copied from.
   void buildIndex() const;
 

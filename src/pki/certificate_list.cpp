@@ -2,18 +2,18 @@
 //
 // The object owns one copy of the CRL in DER. Decoding reads the header fields
 // and walks revokedCertificates once, checking each entry's shape, noting
-// where every eighth entry starts and hashing each serial; entries are
+// where every eighth entry starts and indexing each serial; entries are
 // decoded only when asked for. Look-up by serial text goes through an
-// open-addressing hash table over entry numbers, built once from those
-// hashes, keyed by the serial in minimal two's complement form, so that the
-// answer is the first entry in encoded order whose printed serial equals the
-// text (what a walk printing each serial would find) in constant time.
+// open-addressing hash table over entry numbers, filled during that walk
+// while the entries' bytes are in cache, keyed by the serial in minimal two's
+// complement form, so that the answer is the first entry in encoded order
+// whose printed serial equals the text (what a walk printing each serial
+// would find) in constant time.
 //
-// Memory for a CRL of n entries: the DER, half a byte per entry of offsets,
-// 8 bytes per entry of serial hashes and entry offsets until the index is
-// built, then 12
-// bytes per entry of hash table. Large buffers come from the platform's
-// huge-page allocator.
+// Memory for a CRL of n entries: the DER, half a byte per entry of offsets
+// and a hash table of 8-byte slots, 1.5 per entry with an eighth to spare
+// (about 13.5 bytes per entry; 12 to 16 when the entries' sizes vary along
+// the list). Large buffers come from the platform's huge-page allocator.
 
 #include "quillon32/certificate_list.h"
 
@@ -102,13 +102,32 @@ bool CheckExtensionShape(const uint8_t* p, size_t n) {
   return h.tag == kOctetStringTag && at + h.header + h.length == n;
 }
 
+// crlEntryExtensions, which must fill the rest of the entry's content: |n|
+// bytes at |p|.
+bool CheckEntryExtensions(const uint8_t* p, size_t n, bool allow_extensions) {
+  // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension; version 2 only.
+  if (!allow_extensions) return false;
+  Header h;
+  if (!ReadHeader(p, n, &h) || h.tag != kSequenceTag || h.length == 0) return false;
+  size_t at = h.header;
+  const size_t end = at + h.length;
+  if (end != n) return false;
+  while (at < end) {
+    Header x;
+    if (!ReadHeader(p + at, end - at, &x) || x.tag != kSequenceTag) return false;
+    if (!CheckExtensionShape(p + at + x.header, x.length)) return false;
+    at += x.header + x.length;
+  }
+  return true;
+}
+
 // Entry ::= SEQUENCE { userCertificate CertificateSerialNumber,
 //   revocationDate Time, crlEntryExtensions Extensions OPTIONAL }
 // Checks the entry starting at |p| and gives its whole length. Serials of any
 // length and non-minimal form are accepted: CAs issue them. Times are checked
 // by tag only here, and read in full when the entry is decoded.
-bool CheckEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t* whole,
-                Input* serial) {
+bool CheckAnyEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t* whole,
+                   Input* serial) {
   Header e;
   if (!ReadHeader(p, avail, &e) || e.tag != kSequenceTag) return false;
   const uint8_t* c = p + e.header;
@@ -121,22 +140,50 @@ bool CheckEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t* w
       h.length == 0)
     return false;
   at += h.header + h.length;
-  if (at < n) {
-    // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension; version 2 only.
-    if (!allow_extensions) return false;
-    if (!ReadHeader(c + at, n - at, &h) || h.tag != kSequenceTag || h.length == 0) return false;
-    at += h.header;
-    const size_t end = at + h.length;
-    if (end != n) return false;
-    while (at < end) {
-      Header x;
-      if (!ReadHeader(c + at, end - at, &x) || x.tag != kSequenceTag) return false;
-      if (!CheckExtensionShape(c + at + x.header, x.length)) return false;
-      at += x.header + x.length;
-    }
-  }
+  if (at < n && !CheckEntryExtensions(c + at, n - at, allow_extensions)) return false;
   *whole = e.header + n;
   return true;
+}
+
+inline uint16_t Load16(const uint8_t* p) {
+  uint16_t v;
+  std::memcpy(&v, p, 2);
+  return v;
+}
+
+// An identifier octet and a short-form length octet read as one word: the
+// tag in the low byte (the form bit of the length is kept, to be tested).
+inline bool IsShortTlv(uint16_t word, uint8_t tag) {
+  return (word & 0x80FF) == tag;
+}
+
+// CheckAnyEntry(), quicker for the usual entry, where every length fits in
+// one octet. Whatever this path does not accept at once goes to
+// CheckAnyEntry(), so both accept the same entries.
+inline bool CheckEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t* whole,
+                       Input* serial) {
+  if (avail >= 2) {
+    const uint16_t e = Load16(p);
+    const size_t n = e >> 8;
+    if (IsShortTlv(e, kSequenceTag) && n >= 2 && n <= avail - 2) {
+      const uint8_t* c = p + 2;
+      const uint16_t s = Load16(c);
+      const size_t s_len = s >> 8;
+      const size_t at = 2 + s_len;
+      if (IsShortTlv(s, kIntegerTag) && s_len != 0 && at + 2 <= n) {
+        const uint16_t t = Load16(c + at);
+        const size_t end = at + 2 + (t >> 8);
+        if ((IsShortTlv(t, kUtcTimeTag) || IsShortTlv(t, kGeneralizedTimeTag)) && (t >> 8) != 0 &&
+            end <= n) {
+          if (end < n && !CheckEntryExtensions(c + end, n - end, allow_extensions)) return false;
+          *serial = Input(c + 2, s_len);
+          *whole = 2 + n;
+          return true;
+        }
+      }
+    }
+  }
+  return CheckAnyEntry(p, avail, allow_extensions, whole, serial);
 }
 
 // The header length of an element already checked by ReadHeader(), and its
@@ -260,6 +307,132 @@ uint64_t HashBytes(const uint8_t* p, size_t n, uint64_t seed) {
   return h;
 }
 
+inline uint64_t Load64(const uint8_t* p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+// The 128-bit product of |a| and |b|, folded to 64 bits.
+inline uint64_t MixProduct(uint64_t a, uint64_t b) {
+#if defined(__SIZEOF_INT128__)
+  const unsigned __int128 r = static_cast<unsigned __int128>(a) * b;
+  return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);
+#else
+  // Compilers without a 128-bit type (32-bit targets): the product from
+  // 32-bit halves.
+  const uint64_t a_lo = a & 0xFFFFFFFFu, a_hi = a >> 32, b_lo = b & 0xFFFFFFFFu, b_hi = b >> 32;
+  const uint64_t lo_lo = a_lo * b_lo, hi_lo = a_hi * b_lo, lo_hi = a_lo * b_hi;
+  const uint64_t cross = (lo_lo >> 32) + (hi_lo & 0xFFFFFFFFu) + lo_hi;
+  const uint64_t high = a_hi * b_hi + (hi_lo >> 32) + (cross >> 32);
+  const uint64_t low = (cross << 32) | (lo_lo & 0xFFFFFFFFu);
+  return low ^ high;
+#endif
+}
+
+// The hash of a serial's minimal content octets. Serials are mostly 8 to 24
+// octets (RFC 5280 allows 20, and a sign octet): those are read as three
+// overlapping words, the first, middle and last eight octets, which cover
+// them whatever the length, with no branch on it (lengths vary within a
+// list by the sign octet). Every word is mixed with the seed before it is
+// multiplied, so that no chosen serial can zero a factor.
+inline uint64_t HashSerial(const uint8_t* p, size_t n, uint64_t seed) {
+  if (n < 8 || n > 24) return HashBytes(p, n, seed);
+  const uint64_t first = Load64(p), middle = Load64(p + n / 2 - 4), last = Load64(p + n - 8);
+  const uint64_t x = MixProduct(first ^ seed ^ n, middle ^ seed ^ 0xA0761D6478BD642FULL);
+  return MixProduct(x ^ 0xE7037ED1A0B428DBULL, last ^ seed ^ 0x8EBC6AF09C88C6E3ULL);
+}
+
+// ---------------------------------------------------------------------------
+// The serial index: open addressing with linear probing. A slot holds 0
+// (free) or, in its low half, the offset of an entry in the DER, and in its
+// high half the entry number + 1 in the low |bits| bits with hash bits above
+// them: most probes that would not match are told apart without reading an
+// entry, and one that matches reads the entry at once, with no walk from a
+// checkpoint (a look-up is then two memory reads, the slot and the entry,
+// that a following look-up can overlap).
+
+// The home slot of a hash among |slots|; its high bits choose it.
+inline size_t HomeOf(uint32_t hash, size_t slots) {
+  return static_cast<size_t>((static_cast<uint64_t>(hash) * slots) >> 32);
+}
+// The hash bits a slot's high half carries above the entry number: the low
+// bits of the hash.
+inline uint32_t TagOf(uint32_t hash, unsigned bits) { return bits >= 32 ? 0 : hash << bits; }
+inline uint32_t EntryMask(unsigned bits) {
+  return bits >= 32 ? 0xFFFFFFFFu : (uint32_t{1} << bits) - 1;
+}
+
+// Puts |slot|, for an entry whose serial has |hash| and starts at |offset|
+// in |der|, into the first free slot from its home, unless an entry met on
+// the way has the same serial.
+inline void PutSlot(uint64_t* table, size_t slots, uint32_t tag_mask, const uint8_t* der,
+                    uint32_t hash, uint32_t offset, uint64_t slot) {
+  for (size_t at = HomeOf(hash, slots);; at = at + 1 == slots ? 0 : at + 1) {
+    const uint64_t held = table[at];
+    if (held == 0) {
+      table[at] = slot;
+      return;
+    }
+    if ((static_cast<uint32_t>((held ^ slot) >> 32) & tag_mask) == 0 &&
+        MinimalInteger(EntrySerial(der + static_cast<uint32_t>(held))) ==
+            MinimalInteger(EntrySerial(der + offset)))
+      return;
+  }
+}
+
+inline uint64_t MakeSlot(uint32_t hash, size_t number, uint32_t offset, unsigned bits) {
+  return (uint64_t{TagOf(hash, bits) | static_cast<uint32_t>(number + 1)} << 32) | offset;
+}
+
+// Fills an empty index with up to |room| entries given in encoded order, so
+// that a serial listed twice keeps its first entry. Each is inserted kAhead
+// entries after its home slot was prefetched: the inserts are random writes
+// over a table larger than the caches.
+class IndexFiller {
+ public:
+  IndexFiller(uint64_t* table, size_t slots, unsigned bits, size_t room, const uint8_t* der)
+      : table_(table), slots_(slots), bits_(bits), tag_mask_(~EntryMask(bits)), room_(room),
+        der_(der) {}
+
+  // Entry number added(), at |offset| in the DER, whose serial has |hash|;
+  // false, leaving it out, when the table has no room left.
+  bool Add(uint32_t hash, uint32_t offset) {
+    if (added_ == room_) return false;
+    Pending& slot = pending_[added_ % kAhead];
+    if (added_ >= kAhead) Insert(slot, added_ - kAhead);
+    slot = {hash, offset};
+    __builtin_prefetch(table_ + HomeOf(hash, slots_), 1);
+    ++added_;
+    return true;
+  }
+  // Inserts the entries still waiting.
+  void Finish() {
+    for (size_t i = added_ > kAhead ? added_ - kAhead : 0; i < added_; ++i)
+      Insert(pending_[i % kAhead], i);
+  }
+
+ private:
+  static constexpr size_t kAhead = 16;
+  struct Pending {
+    uint32_t hash, offset;
+  };
+
+  void Insert(Pending e, size_t number) {
+    PutSlot(table_, slots_, tag_mask_, der_, e.hash, e.offset,
+            MakeSlot(e.hash, number, e.offset, bits_));
+  }
+
+  uint64_t* table_;
+  size_t slots_;
+  unsigned bits_;
+  uint32_t tag_mask_;
+  size_t room_;
+  const uint8_t* der_;
+  size_t added_ = 0;
+  Pending pending_[kAhead];
+};
+
 }  // namespace
 }  // namespace quillon::pki
 
@@ -291,25 +464,14 @@ struct CertificateList::Impl {
   std::vector<uint32_t> checkpoints;
   size_t entry_count = 0;
 
-  // A 32-bit hash of each entry's serial, taken while decoding walks the
-  // entries (their bytes are in cache then), until the index is built from
-  // them. The seed differs between objects and runs (it is the object's
-  // address), so that serials crafted to collide cannot be prepared.
-  mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> hashes;
-  // Likewise the offset of each entry in src.bytes, for the index's slots.
-  mutable std::vector<uint32_t, platform::LargeAllocator<uint32_t>> offsets;
+  // The serial index (see IndexFiller), keyed by the serial in minimal two's
+  // complement form, filled while decoding walks the entries, 1.5 to 2
+  // slots per entry. The hash seed differs between objects and runs (it is
+  // the object's address), so that serials crafted to collide cannot be
+  // prepared; a copy keeps its original's seed along with the table.
+  std::vector<uint64_t, platform::LargeAllocator<uint64_t>> index;
+  unsigned index_bits = 0;
   uint64_t seed = 0;
-
-  // The serial index, built on first use. Open addressing with linear
-  // probing over about 1.5 slots per entry. A slot holds 0 (free) or, in its
-  // low half, the offset of the entry in src.bytes, and in its high half the
-  // entry number + 1 in the low |index_bits| bits with hash bits above them:
-  // most probes that would not match are told apart without reading an
-  // entry, and one that matches reads the entry at once, with no walk from
-  // a checkpoint (a look-up is then two memory reads, the slot and the
-  // entry, that a following look-up can overlap).
-  mutable std::vector<uint64_t, platform::LargeAllocator<uint64_t>> index;
-  mutable unsigned index_bits = 0;
 
   Impl() = default;
   Impl(const Impl& o)
@@ -323,11 +485,9 @@ struct CertificateList::Impl {
         extensions(o.extensions),
         checkpoints(o.checkpoints),
         entry_count(o.entry_count),
-        hashes(o.hashes),
-        offsets(o.offsets),
-        seed(o.seed),
         index(o.index),
-        index_bits(o.index_bits) {
+        index_bits(o.index_bits),
+        seed(o.seed) {
     // Same bytes, already checked: move the views over to the new copy.
     const uint8_t* from = o.src.bytes.data();
     const uint8_t* to = src.bytes.data();
@@ -414,8 +574,7 @@ struct CertificateList::Impl {
     bool present = false;
     if (!p.ReadOptional(der::kSequence, &revoked, &present)) return false;
     checkpoints.clear();
-    hashes.clear();
-    offsets.clear();
+    decltype(index)().swap(index);
     entry_count = 0;
     if (present && !WalkEntries(revoked)) return false;
     Parser exts;
@@ -431,16 +590,20 @@ struct CertificateList::Impl {
     return !p.HasMore();
   }
 
-  // Checks every entry of revokedCertificates (content |revoked|) and notes
-  // where each starts. RFC 5280 5.1.2.6 wants the list left out when empty,
-  // but CAs publish it empty (DocuSign): that reads as no entries.
+  // Checks every entry of revokedCertificates (content |revoked|), notes
+  // where each starts and indexes its serial. RFC 5280 5.1.2.6 wants the list
+  // left out when empty, but CAs publish it empty (DocuSign): that reads as
+  // no entries.
   bool WalkEntries(Input revoked) {
     if (revoked.empty()) return true;
     const uint8_t* base = src.bytes.data();
     const uint8_t* p = revoked.data();
     const size_t n = revoked.size();
     const bool v2 = version == 2;
-    // Reserve from the mean size of the first entries.
+    // Size the checkpoints and the index from the mean size of the first
+    // entries, with an eighth more. The index is filled as the entries are
+    // walked, while their bytes are in cache; if the estimate proves wrong
+    // it is made again, at the right size, once the count is known.
     size_t at = 0, whole = 0, seen = 0;
     Input serial;
     while (at < n && seen < 64) {
@@ -450,94 +613,76 @@ struct CertificateList::Impl {
     }
     const size_t estimate = at < n ? n / (at / seen) + n / (8 * (at / seen)) : seen;
     checkpoints.reserve(estimate / kStride + 1);
-    hashes.reserve(estimate);
-    offsets.reserve(estimate);
     const uintptr_t here = reinterpret_cast<uintptr_t>(this);
     seed = pki::HashBytes(reinterpret_cast<const uint8_t*>(&here), sizeof here, 0x51A7E5EEDULL);
+    const size_t slots = NewIndex(estimate);
+    // Beyond this many entries the table would fill up: the rest are only
+    // checked, and the index made again.
+    const size_t room = std::min<size_t>(slots - slots / 5, pki::EntryMask(index_bits) - 1);
+    pki::IndexFiller filler(index.data(), slots, index_bits, room, base);
     at = 0;
     size_t count = 0;
+    bool adding = true;
     while (at < n) {
       if (!pki::CheckEntry(p + at, n - at, v2, &whole, &serial)) return false;
-      if (count % kStride == 0) checkpoints.push_back(static_cast<uint32_t>(p + at - base));
-      hashes.push_back(Hash(pki::MinimalInteger(serial)));
-      offsets.push_back(static_cast<uint32_t>(p + at - base));
+      const uint32_t offset = static_cast<uint32_t>(p + at - base);
+      if (count % kStride == 0) checkpoints.push_back(offset);
+      if (adding) adding = filler.Add(Hash(pki::MinimalInteger(serial)), offset);
       ++count;
       at += whole;
     }
+    filler.Finish();
     entry_count = count;
     if (checkpoints.capacity() > checkpoints.size() + checkpoints.size() / 8)
       checkpoints.shrink_to_fit();
-    if (hashes.capacity() > hashes.size() + hashes.size() / 8) {
-      hashes.shrink_to_fit();
-      offsets.shrink_to_fit();
-    }
+    // Too small, or more than a third too large: made again at its size.
+    if (!adding || slots > 2 * count + 64) IndexEntries();
     return true;
   }
 
   uint32_t Hash(Input serial) const {
-    return static_cast<uint32_t>(pki::HashBytes(serial.data(), serial.size(), seed));
-  }
-  // The hash bits a slot's high half carries above the entry number (the
-  // low bits of the hash; the slot position comes from its high bits).
-  uint32_t TagOf(uint32_t hash) const {
-    return index_bits >= 32 ? 0 : hash << index_bits;
-  }
-  uint32_t EntryMask() const {
-    return index_bits >= 32 ? 0xFFFFFFFFu : (uint32_t{1} << index_bits) - 1;
-  }
-  // The home slot of a hash among |slots|.
-  static size_t HomeOf(uint32_t hash, size_t slots) {
-    return static_cast<size_t>((static_cast<uint64_t>(hash) * slots) >> 32);
+    return static_cast<uint32_t>(pki::HashSerial(serial.data(), serial.size(), seed));
   }
 
-  void BuildIndex() const {
-    if (!index.empty() || entry_count == 0) return;
-    const size_t slots = entry_count + entry_count / 2 + 2;
-    decltype(index) table(slots, 0);  // the one step that may fail
-    index_bits = static_cast<unsigned>(std::bit_width(entry_count + 1));
-    const uint32_t entry_mask = EntryMask();
-    // Entries go in in order, so that a serial listed twice keeps its first
-    // entry. Each is inserted kAhead entries after its slot was prefetched:
-    // the inserts are random writes over a table larger than the caches.
-    constexpr size_t kAhead = 16;
-    for (size_t i = 0; i < entry_count + kAhead; ++i) {
-      if (i < entry_count) __builtin_prefetch(&table[HomeOf(hashes[i], slots)], 1);
-      if (i >= kAhead) Insert(&table, i - kAhead, entry_mask);
-    }
+  // Replaces the index with an empty one for |entries| entries; gives its
+  // slot count.
+  size_t NewIndex(size_t entries) {
+    const size_t slots = entries + entries / 2 + 2;
+    decltype(index) table;
+    table.reserve(slots);
+    table.resize(slots);  // left unset: fresh large blocks come zeroed
+    if (!platform::ComesZeroed(table.capacity() * sizeof(uint64_t)))
+      std::fill(table.begin(), table.end(), 0);
     index = std::move(table);
-    decltype(hashes)().swap(hashes);  // done with
-    decltype(offsets)().swap(offsets);
+    index_bits = static_cast<unsigned>(std::bit_width(slots));
+    return slots;
   }
 
-  // Puts |entry| in |table| unless an earlier entry has its serial.
-  void Insert(decltype(index)* table, size_t entry, uint32_t entry_mask) const {
-    const uint32_t offset = offsets[entry];
+  // Indexes the entries, already checked and counted, afresh.
+  void IndexEntries() {
+    decltype(index)().swap(index);
+    if (entry_count == 0) return;
+    const size_t slots = NewIndex(entry_count);
     const uint8_t* const base = src.bytes.data();
-    const size_t slots = table->size();
-    const uint32_t h = hashes[entry];
-    const uint64_t slot = (uint64_t{TagOf(h) | static_cast<uint32_t>(entry + 1)} << 32) | offset;
-    for (size_t at = HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
-      const uint64_t held = (*table)[at];
-      if (held == 0) {
-        (*table)[at] = slot;
-        return;
-      }
-      if (((held >> 32) & ~entry_mask) == ((slot >> 32) & ~entry_mask) &&
-          pki::MinimalInteger(pki::EntrySerial(base + static_cast<uint32_t>(held))) ==
-              pki::MinimalInteger(pki::EntrySerial(base + offset)))
-        return;
+    pki::IndexFiller filler(index.data(), slots, index_bits, entry_count, base);
+    const uint8_t* p = base + checkpoints[0];
+    for (size_t i = 0; i < entry_count; ++i) {
+      size_t whole;
+      const Input serial = pki::EntrySerial(p, &whole);
+      filler.Add(Hash(pki::MinimalInteger(serial)), static_cast<uint32_t>(p - base));
+      p += whole;
     }
+    filler.Finish();
   }
 
   long Find(Input serial) const {
-    BuildIndex();
     if (index.empty()) return -1;
     const uint32_t h = Hash(serial);
     const size_t slots = index.size();
-    const uint32_t entry_mask = EntryMask();
-    const uint32_t want_tag = TagOf(h);
+    const uint32_t entry_mask = pki::EntryMask(index_bits);
+    const uint32_t want_tag = pki::TagOf(h, index_bits);
     const uint8_t* const base = src.bytes.data();
-    for (size_t at = HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
+    for (size_t at = pki::HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
       const uint64_t held = index[at];
       if (held == 0) return -1;
       const uint32_t high = static_cast<uint32_t>(held >> 32);
@@ -720,14 +865,8 @@ long CertificateList::findSerial(const char* serialText) const {
   }
 }
 
-void CertificateList::buildIndex() const {
-  if (!impl_) return;
-  try {
-    impl_->BuildIndex();
-  } catch (...) {
-    // Out of memory: no index yet; findSerial() tries again.
-  }
-}
+// Decoding builds the index, while it walks the entries.
+void CertificateList::buildIndex() const {}
 
 const std::vector<Extension>& CertificateList::extensions() const {
   return impl_ ? impl_->extensions : NoExtensions();
@@ -837,9 +976,7 @@ size_t CertificateList::memoryUsage() const {
   const Impl& m = *impl_;
   size_t total = sizeof(*this) + sizeof(Impl) + platform::LargeFootprint(m.src.bytes.capacity()) +
                  m.received_tbs.capacity() + m.checkpoints.capacity() * sizeof(uint32_t) +
-                 platform::LargeFootprint(m.index.capacity() * sizeof(uint64_t)) +
-                 platform::LargeFootprint(m.hashes.capacity() * sizeof(uint32_t)) +
-                 platform::LargeFootprint(m.offsets.capacity() * sizeof(uint32_t));
+                 platform::LargeFootprint(m.index.capacity() * sizeof(uint64_t));
   for (const Extension& e : m.extensions)
     total += sizeof(e) + e.oid.capacity() + e.value.capacity();
   for (const Name::RDN& rdn : m.issuer.rdns()) {

@@ -19,6 +19,10 @@ inline constexpr size_t kLargeBlock = size_t{2} << 20;
 
 // |size| bytes, or nullptr when the system has none to give.
 void* AllocateLarge(size_t size) noexcept;
+// Whether a block of |size| bytes from AllocateLarge() comes filled with
+// zeros, as fresh pages from the system do: a table that starts empty then
+// needs no clearing, which would touch every page once more.
+inline bool ComesZeroed(size_t size) noexcept { return size >= kLargeBlock; }
 // Releases a block from AllocateLarge(size) with the same |size|.
 void FreeLarge(void* block, size_t size) noexcept;
 // The bytes a block of |size| really takes: whole 2 MiB units for a large

@@ -3,8 +3,9 @@
 // generated once per size by the test-PKI factory.
 //
 //  FirstAnswer_*  decode, make ready for look-ups, answer one serial:
-//                 decode + buildIndex + findSerial against d2i_X509_CRL and
-//                 the first X509_CRL_get0_by_serial (which sorts the entries).
+//                 decode (which builds the serial index) + findSerial against
+//                 d2i_X509_CRL and the first X509_CRL_get0_by_serial (which
+//                 sorts the entries).
 //  Lookup*_*      one look-up on a ready object, of a listed or an unlisted
 //                 serial: findSerial (from the serial text) against
 //                 X509_CRL_get0_by_serial on a sorted CRL, given a ready
@@ -13,7 +14,7 @@
 //                 serials are listed ones with the last octet changed, so
 //                 that they fall between listed ones in sorted order.
 //  Copy_Quillon   a deep copy of a ready object.
-//  Memory_Quillon memoryUsage() after buildIndex, against the DER size.
+//  Memory_Quillon memoryUsage() of a decoded object, against the DER size.
 //  Summary        the ratios of the runs above, as counters:
 //                 first_answer_x = OpenSSL time / ours, lookup_*_x likewise
 //                 (lookup_*_text_x against _OpenSSLText), memory_ratio =
@@ -129,7 +130,6 @@ void FirstAnswer_Quillon(benchmark::State& state) {
       state.SkipWithError("decode failed");
       break;
     }
-    crl->buildIndex();
     const long at = crl->findSerial(f.present_text[k++ % kProbes].c_str());
     benchmark::DoNotOptimize(at);
     total += CpuNow() - start;
@@ -172,7 +172,6 @@ void Lookup(benchmark::State& state, bool present, const char* name) {
   const Fixture& f = Get(static_cast<size_t>(state.range(0)));
   CertificateList crl;
   if (!crl.decode(f.der.data(), f.der.size())) state.SkipWithError("decode failed");
-  crl.buildIndex();
   const auto& texts = present ? f.present_text : f.absent_text;
   size_t k = 0;
   long hits = 0;
@@ -234,7 +233,6 @@ void Copy_Quillon(benchmark::State& state) {
   const Fixture& f = Get(static_cast<size_t>(state.range(0)));
   CertificateList crl;
   if (!crl.decode(f.der.data(), f.der.size())) state.SkipWithError("decode failed");
-  crl.buildIndex();
   for (auto _ : state) {
     CertificateList copy(crl);
     benchmark::DoNotOptimize(copy.entryCount());
@@ -248,7 +246,6 @@ void Memory_Quillon(benchmark::State& state) {
   for (auto _ : state) {
     CertificateList crl;
     if (!crl.decode(f.der.data(), f.der.size())) state.SkipWithError("decode failed");
-    crl.buildIndex();
     used = crl.memoryUsage();
   }
   state.counters["der_bytes_per_entry"] =

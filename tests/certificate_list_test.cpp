@@ -320,7 +320,6 @@ TEST(CertificateList, LargeCrlEntriesLookupsAndMemory) {
   CertificateList crl;
   ASSERT_TRUE(crl.decode(der.data(), der.size()));
   ASSERT_EQ(crl.entryCount(), n);
-  crl.buildIndex();
   EXPECT_LE(crl.memoryUsage(), der.size() * 3 / 2);
   for (size_t i = 0; i < n; ++i) {
     BigInteger serial;
@@ -378,19 +377,16 @@ TEST(CertificateList, BerInputAndCopies) {
   ber.insert(ber.end(), der.end() - static_cast<long>(ref.signatureValue().size) - 3, der.end());
   ber.insert(ber.end(), {0x00, 0x00});
 
-  for (bool indexed : {false, true}) {
-    auto original = std::make_unique<CertificateList>();
-    ASSERT_TRUE(original->decode(ber.data(), ber.size()));
-    if (indexed) original->buildIndex();
-    CertificateList copy(*original), assigned;
-    assigned = *original;
-    original.reset();
-    for (const CertificateList* c : {&copy, &assigned}) {
-      EXPECT_EQ(c->encode(), der);
-      EXPECT_EQ(*c, ref);
-      EXPECT_EQ(Slice(c->tbsCertList()), ber_tbs);
-      EXPECT_EQ(c->findSerial("06"), 1);
-    }
+  auto original = std::make_unique<CertificateList>();
+  ASSERT_TRUE(original->decode(ber.data(), ber.size()));
+  CertificateList copy(*original), assigned;
+  assigned = *original;
+  original.reset();
+  for (const CertificateList* c : {&copy, &assigned}) {
+    EXPECT_EQ(c->encode(), der);
+    EXPECT_EQ(*c, ref);
+    EXPECT_EQ(Slice(c->tbsCertList()), ber_tbs);
+    EXPECT_EQ(c->findSerial("06"), 1);
   }
 }
 

@@ -64,12 +64,8 @@ inline bool ReadHeader(const uint8_t* p, size_t avail, Header* h) {
   size_t len = 0, hdr = 2;
   if (l0 < 0x80) {
     len = l0;
-  } else {
-    const size_t count = l0 & 0x7F;
-    if (count == 0 || count > 4 || avail < 2 + count || p[2] == 0) return false;
-    for (size_t k = 0; k < count; ++k) len = (len << 8) | p[2 + k];
-    if (len < 0x80) return false;  // the short form would do
-    hdr = 2 + count;
+  } else if (!der::detail::DecodeLongLength(p, avail, &hdr, l0, der::Mode::kDer, &len)) {
+    return false;
   }
   if (len > avail - hdr) return false;
   h->tag = tag;

@@ -269,6 +269,24 @@ bool IsStrictDer(Input input, Limits limits = {});
 
 namespace detail {
 
+// The long form of length octets (first octet |l0| above 0x80; 0x80 itself,
+// the indefinite form, is refused) at p[*i..n):
+// at most 4 octets in DER, 8 in BER, and in DER minimal (no leading zero
+// octet, and not where the short form would do). The one reader of long
+// lengths, for DecodeHeader() and ReadDerElement().
+[[gnu::always_inline]] inline bool DecodeLongLength(const uint8_t* p, size_t n, size_t* i,
+                                                    uint8_t l0, Mode mode, size_t* content_len) {
+  const size_t count = l0 & 0x7F;
+  const size_t max_count = mode == Mode::kDer ? 4 : 8;
+  if (count == 0 || count > max_count || n - *i < count) return false;
+  uint64_t len = 0;
+  for (size_t k = 0; k < count; ++k) len = (len << 8) | p[(*i)++];
+  if (mode == Mode::kDer && (p[*i - count] == 0 || len < 0x80)) return false;
+  if (len > SIZE_MAX) return false;
+  *content_len = static_cast<size_t>(len);
+  return true;
+}
+
 // Identifier octets (X.690 8.1.2) then length octets (8.1.3) of the element
 // at |at| in p[0..n). The one header reader of Parser and of IsStrictDer().
 [[gnu::always_inline]] inline bool DecodeHeader(const uint8_t* p, size_t n, size_t at, Mode mode,
@@ -305,19 +323,8 @@ namespace detail {
     if (mode != Mode::kBer || !(first & 0x20)) return false;
     *indefinite = true;
     *content_len = 0;
-  } else {
-    const size_t count = l0 & 0x7F;
-    if (count == 0x7F) return false;
-    const size_t max_count = mode == Mode::kDer ? 4 : 8;
-    if (count > max_count || n - i < count) return false;
-    uint64_t len = 0;
-    for (size_t k = 0; k < count; ++k) len = (len << 8) | p[i++];
-    if (mode == Mode::kDer) {
-      // Minimal: no leading zero octet, and short form where it would do.
-      if (p[i - count] == 0 || len < 0x80) return false;
-    }
-    if (len > SIZE_MAX) return false;
-    *content_len = static_cast<size_t>(len);
+  } else if (!DecodeLongLength(p, n, &i, l0, mode, content_len)) {
+    return false;
   }
   *header_len = i - at;
   return true;
@@ -336,11 +343,10 @@ namespace detail {
   i += 2;
   size_t n = l0;
   if (l0 >= 0x80) {
-    const size_t count = l0 & 0x7F;
-    if (count == 0 || count > 4 || end - i < count || p[i] == 0) return false;
-    n = 0;
-    for (size_t k = 0; k < count; ++k) n = (n << 8) | p[i++];
-    if (n < 0x80 || n > Limits{}.max_element_size) return false;
+    if (!DecodeLongLength(p, end, &i, l0, Mode::kDer, &n) ||
+        n > Limits{}.max_element_size) {
+      return false;
+    }
   }
   if (n > end - i) return false;
   *at = i;

@@ -23,6 +23,8 @@ Certificate Decode(const Bytes& der) {
   return c;
 }
 
+Bytes ToBytes(ByteView v) { return Bytes(v.data, v.data + v.size); }
+
 bool Contains(const Bytes& haystack, const Bytes& needle) {
   return std::search(haystack.begin(), haystack.end(), needle.begin(), needle.end()) !=
          haystack.end();
@@ -45,11 +47,8 @@ TEST(Certificate, PkitsCertificatesMatchTheirFacts) {
     EXPECT_EQ(qt::NameAttributes(c.subject()), qt::FactsName(row.at("subject")));
     EXPECT_EQ(qt::NameAttributes(c.issuer()), qt::FactsName(row.at("issuer")));
     Name issuer;
-    ASSERT_TRUE(issuer.decode(c.issuerBytes().data, c.issuerBytes().size));
-    EXPECT_EQ(issuer, c.issuer());
-
+    EXPECT_TRUE(issuer.decode(c.issuerBytes().data, c.issuerBytes().size) && issuer == c.issuer());
     EXPECT_EQ(c.serialNumber().toHex(), qt::FactsSerial(row.at("serial_hex")));
-
     EXPECT_EQ(c.notBefore().seconds(), qt::FactsTime(row.at("not_before")));
     EXPECT_EQ(c.notAfter().seconds(), qt::FactsTime(row.at("not_after")));
     EXPECT_TRUE(Contains(der, c.notBefore().encode()) && Contains(der, c.notAfter().encode()));
@@ -82,29 +81,20 @@ TEST(Certificate, DecodesPem) {
   EXPECT_FALSE(c.isDecoded());
 }
 
-// A certificate whose outer and TBS lengths are in long form is not DER: it
-// decodes, says so, encodes to DER and keeps the signed bytes as they came.
+// Outer and TBS lengths in long form: not DER, encodes to DER, and keeps the
+// signed bytes as they came.
 TEST(Certificate, BerInputKeepsReceivedSignedBytes) {
   const auto pki = qt::MakePki(qt::KeyType::kEcP256);
-  const Bytes der = qt::Der(pki.leaf.get());
-  ASSERT_TRUE(der[1] == 0x82 && der[4] == 0x30 && der[5] == 0x82);
-  Bytes ber = {0x30, 0x84, 0x00, 0x00, 0x00, 0x00, 0x30, 0x83, 0x00, der[6], der[7]};
-  ber.insert(ber.end(), der.begin() + 8, der.end());
-  ber[4] = static_cast<uint8_t>((ber.size() - 6) >> 8);
-  ber[5] = static_cast<uint8_t>(ber.size() - 6);
-
+  const Bytes tbs = ToBytes(Decode(qt::Der(pki.leaf.get())).tbsCertificate());
+  const Bytes ber_tbs = qt::LongFormLength(tbs);
+  const Bytes ber = qt::LongFormLength(qt::SignTbs(ber_tbs, pki.intermediateKey));
   Certificate c;
   ASSERT_TRUE(c.decode(ber.data(), ber.size()));
   EXPECT_FALSE(c.isStrictDER());
-  EXPECT_EQ(c.encode(), der);
-  const ByteView tbs = c.tbsCertificate();
-  const size_t tbs_length = 5 + (size_t{der[6]} << 8 | der[7]);
-  EXPECT_EQ(Bytes(tbs.data, tbs.data + tbs.size),
-            Bytes(ber.begin() + 6, ber.begin() + 6 + static_cast<long>(tbs_length)));
-  const Certificate copy = c;
-  EXPECT_FALSE(copy.isStrictDER());
-  EXPECT_EQ(copy.tbsCertificate().size, tbs.size);
-  EXPECT_EQ(copy, c);
+  EXPECT_EQ(ToBytes(c.tbsCertificate()), ber_tbs);
+  const Certificate again = Decode(c.encode());
+  EXPECT_TRUE(again.isStrictDER());
+  EXPECT_EQ(ToBytes(again.tbsCertificate()), tbs);
 }
 
 // Extensions PKITS does not carry: distribution points with URIs and a
@@ -170,11 +160,10 @@ TEST(Certificate, ExtensionsReadBackAsMade) {
   ASSERT_TRUE(c.authorityKeyIdentifier(&aki));
   EXPECT_EQ(aki.keyIdentifier(), ski);
   // Null outputs are refused, not written through.
-  EXPECT_FALSE(c.authorityKeyIdentifier(nullptr));
-  EXPECT_FALSE(c.keyUsage(nullptr));
   bool ca = false;
-  EXPECT_FALSE(c.basicConstraints(&ca, nullptr));
-  EXPECT_FALSE(Decode(qt::Der(root.get())).subjectKeyIdentifier(nullptr));
+  EXPECT_FALSE(c.authorityKeyIdentifier(nullptr) || c.keyUsage(nullptr) ||
+               c.basicConstraints(&ca, nullptr) ||
+               Decode(qt::Der(root.get())).subjectKeyIdentifier(nullptr));
 }
 
 // Cuts, a byte after the certificate, the wrong outer tag and a repeated

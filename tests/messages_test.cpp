@@ -72,15 +72,10 @@ TEST(Messages, EveryTranslationKeepsTheEnglishPlaceholdersAndLineBreaks) {
 }
 
 TEST(Messages, EnglishTextsAreVerbatim) {
-  // The texts this library writes or records, band edges, and rows whose
-  // misspellings must stay as they are. (The logged texts are compared in the
-  // CA table, CA list and frame tests.)
+  // The texts this library writes to the log, and rows whose misspellings
+  // must stay as they are. (More logged texts are compared in the CA table,
+  // CA list and frame tests.)
   const std::map<unsigned long, std::string> expected = {
-      {4608, "disabled"},
-      {kAlwaysDownloadFromNet, "always download from the Net"},
-      {kUseOnlyLocalOnes, "use only local ones"},
-      {kDownloadFromNetOncePerSession, "download from the Net once per session"},
-      {kDownloadFromNetWhenExpired, "download from the Net when expired"},
       {kCaCertificatesIncludedInList, "CA certificates included into certificate list: %d"},
       {kStartCaListCopyToDisk, "Starting CA certificates list copying to disk"},
       {kEndCaListCopyToDisk, "CA certificates list copy on disk finished"},
@@ -89,7 +84,6 @@ TEST(Messages, EnglishTextsAreVerbatim) {
       {kFailedToSaveCaList, "Failed to save the list of CA certificates"},
       {5199, "DistributionPoint with incorrect format"},
       {5234, "DistributionPoint with incorect format"},
-      {5260, "Document modified after the signature"},
   };
   for (const auto& [code, text] : expected) {
     const char* t = MessageText(code, kLangEnglish);

@@ -33,6 +33,13 @@ std::vector<std::string> NearTexts(const std::string& t) {
   std::string changed = t;
   changed.back() = changed.back() == '0' ? '1' : '0';
   out.push_back(changed);
+  // A character that is no digit, in the middle: long texts are read many
+  // digits at a time, and each must still be checked.
+  for (const char c : {'G', ':', '@', '/', 'a'}) {
+    changed = t;
+    changed[changed.size() / 2] = c;
+    out.push_back(changed);
+  }
   if (t[0] == '-') out.push_back(t.substr(1));
   return out;
 }
@@ -81,10 +88,18 @@ void CheckLookups(const CertificateList& crl, const uint8_t* data, size_t size) 
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CertificateList crl;
+  // Taking the bytes over decodes as copying them does, and takes them only
+  // on success.
+  std::vector<unsigned char> given(data, data + size);
+  CertificateList taken;
+  const bool took = taken.decode(std::move(given));
   if (!crl.decode(data, size)) {
     REQUIRE(!crl.isDecoded() && crl.entryCount() == 0 && crl.encode().empty());
+    REQUIRE(!took && !taken.isDecoded() && given == std::vector<unsigned char>(data, data + size));
     return 0;
   }
+  REQUIRE(took && given.empty() && taken == crl && taken.entryCount() == crl.entryCount());
+  REQUIRE(taken.tbsCertList().size == crl.tbsCertList().size);
   REQUIRE(crl.version() == 1 || crl.version() == 2);
   REQUIRE(!crl.der().empty() && !crl.tbsCertList().empty() && !crl.issuerBytes().empty());
   AuthorityKeyIdentifier aki;

@@ -207,6 +207,32 @@ TEST(CertificateList, SerialLookupIsExactText) {
   }
 }
 
+// Long serial texts are read many digits at a time: serials of every length
+// are found, and a wrong character anywhere in a 40-digit text is caught.
+TEST(CertificateList, LongSerialTextsAreCheckedEverywhere) {
+  qt::CrlSpec spec{.signingKey = qt::PooledKey(qt::KeyType::kEcP256, 0)};
+  for (const size_t octets : {7, 8, 12, 16, 17, 20, 24, 33}) {
+    Bytes raw(octets);
+    for (size_t k = 0; k < octets; ++k) raw[k] = static_cast<uint8_t>(0x3D + 37 * k);
+    raw[0] = octets == 17 ? 0x80 : 0x5A;  // one negative: its text starts with "-"
+    spec.revoked.push_back({.serial = qt::Serial::FromBytes(raw)});
+  }
+  const Bytes der = qt::MakeCrlDer(spec);
+  CertificateList crl;
+  ASSERT_TRUE(crl.decode(der.data(), der.size()));
+  EXPECT_EQ(ExpectEveryEntryFound(crl), 0u);
+  EXPECT_EQ(crl.entrySerialText(4)[0], '-');
+  const std::string text = crl.entrySerialText(5);
+  ASSERT_EQ(text.size(), 40u);
+  for (size_t i = 0; i < text.size(); ++i) {
+    for (const char c : {'/', ':', '@', 'G', '`', 'a', 'f', ' ', '\x80', '\xC1'}) {
+      std::string wrong = text;
+      wrong[i] = c;
+      EXPECT_EQ(crl.findSerial(wrong.c_str()), -1) << wrong;
+    }
+  }
+}
+
 // The Chromium CRL cases. The structural faults fail to decode: every
 // "invalid_garbage_*", an explicit v1 or a v3 version, extensions on a v1 CRL
 // or on its entries, and a signature algorithm other than the signed one. A
@@ -311,15 +337,26 @@ TEST(CertificateList, MadeCrlsReadBackAsMade) {
 }
 
 // A large list: every serial found at its entry, unlisted ones not, and the
-// whole object within one and a half times its DER.
+// whole object within one and a half times its DER, whether it copied the
+// DER or took it over. A copy of the latter outlives it; a failed take
+// leaves the caller's bytes alone.
 TEST(CertificateList, LargeCrlEntriesLookupsAndMemory) {
   const size_t n = 50000;
   const uint64_t seed = 7;
   const Bytes der =
       qt::MakeLargeCrl(qt::PooledKey(qt::KeyType::kEcP256, 0), qt::TestName("Large CA"), n, seed);
-  CertificateList crl;
-  ASSERT_TRUE(crl.decode(der.data(), der.size()));
+  Bytes cut(der.begin(), der.end() - 1);
+  EXPECT_FALSE(CertificateList().decode(std::move(cut)));
+  EXPECT_EQ(cut.size(), der.size() - 1);
+  Bytes given = der;
+  auto taken = std::make_unique<CertificateList>();
+  ASSERT_TRUE(taken->decode(std::move(given)));
+  EXPECT_TRUE(given.empty());
+  EXPECT_LE(taken->memoryUsage(), der.size() * 3 / 2);
+  const CertificateList crl(*taken);
+  taken.reset();
   ASSERT_EQ(crl.entryCount(), n);
+  EXPECT_EQ(crl.encode(), der);
   EXPECT_LE(crl.memoryUsage(), der.size() * 3 / 2);
   for (size_t i = 0; i < n; ++i) {
     BigInteger serial;
@@ -384,6 +421,13 @@ TEST(CertificateList, BerInputKeepsTheSignedBytes) {
   EXPECT_EQ(copy, ref);
   EXPECT_EQ(Slice(copy.tbsCertList()), ber_tbs);
   EXPECT_EQ(copy.findSerial("06"), 1);
+
+  Bytes given = ber;
+  CertificateList taken;
+  ASSERT_TRUE(taken.decode(std::move(given)));
+  EXPECT_TRUE(given.empty());
+  EXPECT_EQ(taken, ref);
+  EXPECT_EQ(Slice(taken.tbsCertList()), ber_tbs);
 }
 
 }  // namespace

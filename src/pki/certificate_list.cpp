@@ -17,6 +17,13 @@
 
 #include "quillon32/certificate_list.h"
 
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+#include <emmintrin.h>
+#define QUILLON_HEX_SSE2 1
+#else
+#define QUILLON_HEX_SSE2 0
+#endif
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -153,6 +160,37 @@ inline bool IsShortTlv(uint16_t word, uint8_t tag) {
   return (word & 0x80FF) == tag;
 }
 
+// CheckEntryExtensions() for version 2, quicker for the usual extensions
+// (a reasonCode, an invalidityDate), whose lengths all fit one octet: true
+// when it finds them well formed. False says only that this path does not
+// take them; CheckEntryExtensions() then decides.
+inline bool CheckShortExtensions(const uint8_t* p, size_t n) {
+  if (n < 2) return false;
+  uint16_t w = Load16(p);
+  if (!IsShortTlv(w, kSequenceTag) || (w >> 8) == 0 || (w >> 8) + size_t{2} != n) return false;
+  for (size_t at = 2; at < n;) {
+    if (n - at < 2) return false;
+    w = Load16(p + at);
+    const size_t length = w >> 8;  // of the Extension
+    if (!IsShortTlv(w, kSequenceTag) || length > n - at - 2) return false;
+    const uint8_t* x = p + at + 2;
+    if (length < 2) return false;
+    w = Load16(x);  // extnID
+    size_t k = 2 + (w >> 8);
+    if (!IsShortTlv(w, kOidTag) || (w >> 8) == 0 || k + 2 > length) return false;
+    w = Load16(x + k);
+    if (IsShortTlv(w, kBooleanTag)) {  // critical
+      if ((w >> 8) != 1) return false;
+      k += 3;
+      if (k + 2 > length) return false;
+      w = Load16(x + k);
+    }
+    if (!IsShortTlv(w, kOctetStringTag) || k + 2 + (w >> 8) != length) return false;
+    at += 2 + length;
+  }
+  return true;
+}
+
 // CheckAnyEntry(), quicker for the usual entry, where every length fits in
 // one octet. Whatever this path does not accept at once goes to
 // CheckAnyEntry(), so both accept the same entries.
@@ -171,7 +209,9 @@ inline bool CheckEntry(const uint8_t* p, size_t avail, bool allow_extensions, si
         const size_t end = at + 2 + (t >> 8);
         if ((IsShortTlv(t, kUtcTimeTag) || IsShortTlv(t, kGeneralizedTimeTag)) && (t >> 8) != 0 &&
             end <= n) {
-          if (end < n && !CheckEntryExtensions(c + end, n - end, allow_extensions)) return false;
+          if (end < n && !(allow_extensions && CheckShortExtensions(c + end, n - end)) &&
+              !CheckEntryExtensions(c + end, n - end, allow_extensions))
+            return false;
           *serial = Input(c + 2, s_len);
           *whole = 2 + n;
           return true;
@@ -228,6 +268,12 @@ inline Input MinimalInteger(Input v) {
 // ---------------------------------------------------------------------------
 // Serial text.
 
+[[maybe_unused]] inline uint64_t ByteSwap64(uint64_t v) {
+  v = ((v & 0x00FF00FF00FF00FFULL) << 8) | ((v >> 8) & 0x00FF00FF00FF00FFULL);
+  v = ((v & 0x0000FFFF0000FFFFULL) << 16) | ((v >> 16) & 0x0000FFFF0000FFFFULL);
+  return (v << 32) | (v >> 32);
+}
+
 // Digit values of the upper-case hexadecimal the printer writes; 0xFF for
 // any other character (lower case included: it never matches).
 constexpr auto kHexValue = [] {
@@ -244,6 +290,58 @@ constexpr auto kHexValue = [] {
 // printer writes an optional "-", then two upper-case digits per octet of
 // the magnitude's minimal big-endian form, and "00" for zero: so "0A" has a
 // value, while "A", "0a", "000A" and "-00" have none.
+// Eight upper-case hexadecimal digits at |text| written as four octets at
+// |out|, all eight checked at once in one word; false when any is not one of
+// "0123456789ABCDEF". Serial texts are 32 to 40 digits: a look-up spends
+// less time here than reading them digit by digit.
+inline bool HexToFourOctets(const char* text, uint8_t* out) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
+  uint64_t v;
+  std::memcpy(&v, text, 8);
+  if (v & kHigh) return false;
+  // With every octet below 0x80, adding up to 0x7F carries into no other
+  // octet: each sum's top bit tells whether that octet reached a bound.
+  const uint64_t digit = (v + kOnes * (0x80 - '0')) & ~(v + kOnes * (0x80 - '9' - 1));
+  const uint64_t letter = (v + kOnes * (0x80 - 'A')) & ~(v + kOnes * (0x80 - 'F' - 1));
+  if (((digit | letter) & kHigh) != kHigh) return false;
+  // '0'..'9' carry their value in the low nibble; 'A'..'F' carry 1..6.
+  const uint64_t nibbles = (v & (kOnes * 0x0F)) + ((letter & kHigh) >> 7) * 9;
+  // Octet k of the text (in memory order) is the low octet of the word on
+  // little-endian machines and the high one on big-endian ones.
+  uint64_t n = nibbles;
+  if constexpr (std::endian::native == std::endian::big) n = ByteSwap64(n);
+  // Octet 2k takes its pair's high nibble, then even octets are packed.
+  uint64_t pairs = ((n << 4) | (n >> 8)) & 0x00FF00FF00FF00FFULL;
+  pairs = (pairs | (pairs >> 8)) & 0x0000FFFF0000FFFFULL;
+  pairs = (pairs | (pairs >> 16)) & 0xFFFFFFFFULL;
+  uint32_t octets = static_cast<uint32_t>(pairs);
+  if constexpr (std::endian::native == std::endian::big) octets = static_cast<uint32_t>(ByteSwap64(octets) >> 32);
+  std::memcpy(out, &octets, 4);
+  return true;
+}
+
+#if QUILLON_HEX_SSE2
+// Sixteen digits at |text| written as eight octets at |out|, as above, in
+// one vector.
+inline bool HexToEightOctets(const char* text, uint8_t* out) {
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i d = _mm_sub_epi8(v, _mm_set1_epi8('0'));
+  const __m128i l = _mm_sub_epi8(v, _mm_set1_epi8('A'));
+  // Unsigned d <= 9 and l <= 5: a saturating subtraction leaves zero.
+  const __m128i is_digit = _mm_cmpeq_epi8(_mm_subs_epu8(d, _mm_set1_epi8(9)), zero);
+  const __m128i is_letter = _mm_cmpeq_epi8(_mm_subs_epu8(l, _mm_set1_epi8(5)), zero);
+  if (_mm_movemask_epi8(_mm_or_si128(is_digit, is_letter)) != 0xFFFF) return false;
+  const __m128i value = _mm_or_si128(_mm_and_si128(is_digit, d),
+                                     _mm_and_si128(is_letter, _mm_add_epi8(l, _mm_set1_epi8(10))));
+  // Each 16-bit lane holds a pair, the high digit in its low octet.
+  const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(value, 4), _mm_srli_epi16(value, 8)),
+                                      _mm_set1_epi16(0x00FF));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(pairs, pairs));
+  return true;
+}
+#endif
+
 bool SerialTextToContent(const char* text, size_t length, uint8_t* buffer, Input* out) {
   const bool negative = text[0] == '-';
   const char* digits = negative ? text + 1 : text;
@@ -251,7 +349,16 @@ bool SerialTextToContent(const char* text, size_t length, uint8_t* buffer, Input
   if (count == 0 || count % 2 != 0) return false;
   const size_t octets = count / 2;
   uint8_t* magnitude = buffer + 1;
-  for (size_t i = 0; i < octets; ++i) {
+  size_t i = 0;
+#if QUILLON_HEX_SSE2
+  for (; i + 8 <= octets; i += 8) {
+    if (!HexToEightOctets(digits + 2 * i, magnitude + i)) return false;
+  }
+#endif
+  for (; i + 4 <= octets; i += 4) {
+    if (!HexToFourOctets(digits + 2 * i, magnitude + i)) return false;
+  }
+  for (; i < octets; ++i) {
     const uint8_t hi = kHexValue[static_cast<uint8_t>(digits[2 * i])];
     const uint8_t lo = kHexValue[static_cast<uint8_t>(digits[2 * i + 1])];
     if ((hi | lo) > 15) return false;
@@ -309,6 +416,18 @@ inline uint64_t Load64(const uint8_t* p) {
   return v;
 }
 
+// Whether two serials' content octets are the same, compared a word at a
+// time: a look-up ends with one such comparison.
+inline bool SameOctets(Input a, Input b) {
+  const size_t n = a.size();
+  if (n != b.size()) return false;
+  if (n < 8) return n == 0 || std::memcmp(a.data(), b.data(), n) == 0;
+  for (size_t k = 0; k + 8 < n; k += 8) {
+    if (Load64(a.data() + k) != Load64(b.data() + k)) return false;
+  }
+  return Load64(a.data() + n - 8) == Load64(b.data() + n - 8);
+}
+
 // The 128-bit product of |a| and |b|, folded to 64 bits.
 inline uint64_t MixProduct(uint64_t a, uint64_t b) {
 #if defined(__SIZEOF_INT128__)
@@ -354,25 +473,29 @@ inline size_t HomeOf(uint32_t hash, size_t slots) {
 }
 // The hash bits a slot's high half carries above the entry number: the low
 // bits of the hash.
-inline uint32_t TagOf(uint32_t hash, unsigned bits) { return bits >= 32 ? 0 : hash << bits; }
+// (Shifted in 64 bits, so that 32 bits of entry number leave no tag and no
+// shift is out of range.)
+inline uint32_t TagOf(uint32_t hash, unsigned bits) {
+  return static_cast<uint32_t>(uint64_t{hash} << bits);
+}
 inline uint32_t EntryMask(unsigned bits) {
-  return bits >= 32 ? 0xFFFFFFFFu : (uint32_t{1} << bits) - 1;
+  return static_cast<uint32_t>((uint64_t{1} << bits) - 1);
 }
 
-// Puts |slot|, for an entry whose serial has |hash| and starts at |offset|
-// in |der|, into the first free slot from its home, unless an entry met on
-// the way has the same serial.
+// Puts |slot|, for an entry whose serial hashes to the slot |home| and
+// starts at the offset the slot holds, into the first free slot from
+// |home|, unless an entry met on the way has the same serial.
 inline void PutSlot(uint64_t* table, size_t slots, uint32_t tag_mask, const uint8_t* der,
-                    uint32_t hash, uint32_t offset, uint64_t slot) {
-  for (size_t at = HomeOf(hash, slots);; at = at + 1 == slots ? 0 : at + 1) {
+                    size_t home, uint64_t slot) {
+  for (size_t at = home;; at = at + 1 == slots ? 0 : at + 1) {
     const uint64_t held = table[at];
     if (held == 0) {
       table[at] = slot;
       return;
     }
     if ((static_cast<uint32_t>((held ^ slot) >> 32) & tag_mask) == 0 &&
-        MinimalInteger(EntrySerial(der + static_cast<uint32_t>(held))) ==
-            MinimalInteger(EntrySerial(der + offset)))
+        SameOctets(MinimalInteger(EntrySerial(der + static_cast<uint32_t>(held))),
+                   MinimalInteger(EntrySerial(der + static_cast<uint32_t>(slot)))))
       return;
   }
 }
@@ -395,29 +518,27 @@ class IndexFiller {
   // false, leaving it out, when the table has no room left.
   bool Add(uint32_t hash, uint32_t offset) {
     if (added_ == room_) return false;
-    Pending& slot = pending_[added_ % kAhead];
-    if (added_ >= kAhead) Insert(slot, added_ - kAhead);
-    slot = {hash, offset};
-    __builtin_prefetch(table_ + HomeOf(hash, slots_), 1);
+    Pending& next = pending_[added_ % kAhead];
+    if (added_ >= kAhead) Insert(next);
+    next = {HomeOf(hash, slots_), MakeSlot(hash, added_, offset, bits_)};
+    __builtin_prefetch(table_ + next.home, 1);
     ++added_;
     return true;
   }
   // Inserts the entries still waiting.
   void Finish() {
     for (size_t i = added_ > kAhead ? added_ - kAhead : 0; i < added_; ++i)
-      Insert(pending_[i % kAhead], i);
+      Insert(pending_[i % kAhead]);
   }
 
  private:
   static constexpr size_t kAhead = 16;
   struct Pending {
-    uint32_t hash, offset;
+    size_t home;    // the slot its hash names
+    uint64_t slot;  // what it puts there
   };
 
-  void Insert(Pending e, size_t number) {
-    PutSlot(table_, slots_, tag_mask_, der_, e.hash, e.offset,
-            MakeSlot(e.hash, number, e.offset, bits_));
-  }
+  void Insert(const Pending& e) { PutSlot(table_, slots_, tag_mask_, der_, e.home, e.slot); }
 
   uint64_t* table_;
   size_t slots_;
@@ -436,14 +557,36 @@ class IndexFiller {
 
 struct CertificateList::Impl {
   // The DER the object is parsed from: the input itself when it is DER, or
-  // its DER rewrite when it arrived in BER.
-  struct Source {
-    LargeBytes bytes;
+  // its DER rewrite when it arrived in BER. It is a copy, held in large
+  // pages, or the caller's own vector, taken over by decode(vector&&).
+  class Source {
+   public:
+    Source() = default;
+    Source(const Source& o) : copied_(o.data(), o.data() + o.size()) {}
+    Source& operator=(const Source&) = delete;
+
+    const uint8_t* data() const { return taken_.empty() ? copied_.data() : taken_.data(); }
+    size_t size() const { return taken_.empty() ? copied_.size() : taken_.size(); }
+    Input view() const { return Input(data(), size()); }
+    size_t footprint() const {
+      return platform::LargeFootprint(copied_.capacity()) + taken_.capacity();
+    }
+
+    void Copy(const uint8_t* bytes, size_t length) {
+      copied_.resize(length);
+      std::memcpy(copied_.data(), bytes, length);
+    }
+    void Take(std::vector<uint8_t>* bytes) { taken_.swap(*bytes); }
+    void Give(std::vector<uint8_t>* bytes) { bytes->swap(taken_); }
+
+   private:
+    LargeBytes copied_;
+    std::vector<uint8_t> taken_;
   } src;
   // The to-be-signed bytes as received, kept only when the input was not DER.
   std::vector<uint8_t> received_tbs;
 
-  // Views into src.bytes, set by Parse().
+  // Views into the bytes Parse() read (then moved onto src).
   Input tbs, sig_alg, sig_value, issuer_raw;
   int version = 1;
   Name issuer;
@@ -451,7 +594,7 @@ struct CertificateList::Impl {
   bool has_next_update = false;
   std::vector<Extension> extensions;
 
-  // Offset in src.bytes of every kStride-th entry (0, kStride, 2 kStride...).
+  // Offset in src of every kStride-th entry (0, kStride, 2 kStride...).
   // An entry between two is reached by skipping the headers of the ones
   // before it, which are checked and sit in the same few cache lines. One
   // offset per entry would cost more memory and one more cache miss per
@@ -485,8 +628,12 @@ struct CertificateList::Impl {
         index_bits(o.index_bits),
         seed(o.seed) {
     // Same bytes, already checked: move the views over to the new copy.
-    const uint8_t* from = o.src.bytes.data();
-    const uint8_t* to = src.bytes.data();
+    CopyViews(o, o.src.data());
+  }
+  // Sets the views to |o|'s, moved from the bytes at |from| onto src,
+  // which holds the same bytes.
+  void CopyViews(const Impl& o, const uint8_t* from) {
+    const uint8_t* to = src.data();
     const auto rebase = [&](Input v) {
       return v.data() ? Input(to + (v.data() - from), v.size()) : Input();
     };
@@ -497,11 +644,14 @@ struct CertificateList::Impl {
   }
   Impl& operator=(const Impl&) = delete;
 
+  // Start of the bytes being parsed, during Parse().
+  const uint8_t* walk_base = nullptr;
+
   size_t EntryCount() const { return entry_count; }
 
   // Entry |i| (below EntryCount()), whole.
   Input Entry(size_t i) const {
-    const uint8_t* p = src.bytes.data() + checkpoints[i / kStride];
+    const uint8_t* p = src.data() + checkpoints[i / kStride];
     size_t whole = pki::WholeLength(p);
     for (size_t k = i % kStride; k > 0; --k) {
       p += whole;
@@ -512,9 +662,12 @@ struct CertificateList::Impl {
 
   // CertificateList ::= SEQUENCE { tbsCertList TBSCertList,
   //   signatureAlgorithm AlgorithmIdentifier, signatureValue BIT STRING }
-  bool Parse() {
-    if (src.bytes.size() > std::numeric_limits<uint32_t>::max()) return false;
-    Parser outer{Input(src.bytes.data(), src.bytes.size())};
+  // Parses |whole|, which is src or the same bytes elsewhere: the
+  // views then point into |whole|, and entry offsets count from its start.
+  bool Parse(Input whole) {
+    if (whole.size() > std::numeric_limits<uint32_t>::max()) return false;
+    walk_base = whole.data();
+    Parser outer{whole};
     Parser crl;
     if (!outer.ReadSequence(&crl) || outer.HasMore()) return false;
     der::Tag tag;
@@ -592,7 +745,7 @@ struct CertificateList::Impl {
   // no entries.
   bool WalkEntries(Input revoked) {
     if (revoked.empty()) return true;
-    const uint8_t* base = src.bytes.data();
+    const uint8_t* base = walk_base;
     const uint8_t* p = revoked.data();
     const size_t n = revoked.size();
     const bool v2 = version == 2;
@@ -636,6 +789,20 @@ struct CertificateList::Impl {
     return true;
   }
 
+  // Parses |input|, which is not DER, from its DER rewrite, keeping the
+  // to-be-signed bytes as received.
+  bool ParseBer(Input input) {
+    std::vector<uint8_t> rewritten;
+    if (!der::NormaliseToDer(input, &rewritten) || Input(rewritten) == input) return false;
+    src.Copy(rewritten.data(), rewritten.size());
+    Parser outer(input, der::Mode::kBer);
+    Parser crl;
+    Input tbs;
+    if (!outer.ReadSequence(&crl) || !crl.ReadRawTLV(&tbs)) return false;
+    received_tbs = tbs.ToVector();
+    return Parse(src.view());
+  }
+
   uint32_t Hash(Input serial) const {
     return static_cast<uint32_t>(pki::HashSerial(serial.data(), serial.size(), seed));
   }
@@ -659,7 +826,7 @@ struct CertificateList::Impl {
     decltype(index)().swap(index);
     if (entry_count == 0) return;
     const size_t slots = NewIndex(entry_count);
-    const uint8_t* const base = src.bytes.data();
+    const uint8_t* const base = walk_base;
     pki::IndexFiller filler(index.data(), slots, index_bits, entry_count, base);
     const uint8_t* p = base + checkpoints[0];
     for (size_t i = 0; i < entry_count; ++i) {
@@ -677,13 +844,14 @@ struct CertificateList::Impl {
     const size_t slots = index.size();
     const uint32_t entry_mask = pki::EntryMask(index_bits);
     const uint32_t want_tag = pki::TagOf(h, index_bits);
-    const uint8_t* const base = src.bytes.data();
+    const uint8_t* const base = src.data();
     for (size_t at = pki::HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
       const uint64_t held = index[at];
       if (held == 0) return -1;
       const uint32_t high = static_cast<uint32_t>(held >> 32);
       if ((high & ~entry_mask) != want_tag) continue;
-      if (pki::MinimalInteger(pki::EntrySerial(base + static_cast<uint32_t>(held))) == serial)
+      if (pki::SameOctets(pki::MinimalInteger(pki::EntrySerial(base + static_cast<uint32_t>(held))),
+                          serial))
         return static_cast<long>((high & entry_mask) - 1);
     }
   }
@@ -717,21 +885,13 @@ bool CertificateList::decode(const unsigned char* bytes, size_t length) {
   if (!bytes || length == 0) return false;
   try {
     auto impl = std::make_unique<Impl>();
-    const Input input(bytes, length);
-    // DER first, over one copy of the input.
-    impl->src.bytes.resize(length);
-    std::memcpy(impl->src.bytes.data(), bytes, length);
-    if (!impl->Parse()) {
-      // Then BER: rewrite to DER and keep the to-be-signed bytes as received.
-      std::vector<uint8_t> rewritten;
-      if (!der::NormaliseToDer(input, &rewritten) || Input(rewritten) == input) return false;
-      impl->src.bytes.assign(rewritten.begin(), rewritten.end());
-      Parser outer(input, der::Mode::kBer);
-      Parser crl;
-      Input tbs;
-      if (!outer.ReadSequence(&crl) || !crl.ReadRawTLV(&tbs)) return false;
-      impl->received_tbs = tbs.ToVector();
-      if (!impl->Parse()) return false;
+    // DER is read in place, while the caller's bytes are likely still in
+    // cache, and then copied.
+    if (impl->Parse(Input(bytes, length))) {
+      impl->src.Copy(bytes, length);
+      impl->CopyViews(*impl, bytes);
+    } else if (!impl->ParseBer(Input(bytes, length))) {
+      return false;
     }
     impl_ = std::move(impl);
     return true;
@@ -742,16 +902,36 @@ bool CertificateList::decode(const unsigned char* bytes, size_t length) {
   }
 }
 
+bool CertificateList::decode(std::vector<unsigned char>&& der) {
+  impl_.reset();
+  if (der.empty()) return false;
+  try {
+    auto impl = std::make_unique<Impl>();
+    if (impl->Parse(Input(der.data(), der.size()))) {
+      impl->src.Take(&der);  // same bytes, same place: the views stay good
+    } else if (impl->ParseBer(Input(der.data(), der.size()))) {
+      std::vector<unsigned char>().swap(der);
+    } else {
+      return false;
+    }
+    impl_ = std::move(impl);
+    return true;
+  } catch (...) {
+    impl_.reset();
+    return false;
+  }
+}
+
 bool CertificateList::isDecoded() const { return impl_ != nullptr; }
 
 std::vector<unsigned char> CertificateList::encode() const {
   if (!impl_) return {};
-  return std::vector<unsigned char>(impl_->src.bytes.begin(), impl_->src.bytes.end());
+  return std::vector<unsigned char>(impl_->src.data(), impl_->src.data() + impl_->src.size());
 }
 
 ByteView CertificateList::der() const {
   if (!impl_) return {};
-  return ByteView{impl_->src.bytes.data(), impl_->src.bytes.size()};
+  return ByteView{impl_->src.data(), impl_->src.size()};
 }
 
 using pki::EmptyName;
@@ -970,7 +1150,7 @@ bool CertificateList::crlNumber(BigInteger* out) const {
 size_t CertificateList::memoryUsage() const {
   if (!impl_) return sizeof(*this);
   const Impl& m = *impl_;
-  size_t total = sizeof(*this) + sizeof(Impl) + platform::LargeFootprint(m.src.bytes.capacity()) +
+  size_t total = sizeof(*this) + sizeof(Impl) + m.src.footprint() +
                  m.received_tbs.capacity() + m.checkpoints.capacity() * sizeof(uint32_t) +
                  platform::LargeFootprint(m.index.capacity() * sizeof(uint64_t));
   for (const Extension& e : m.extensions)
@@ -984,5 +1164,5 @@ size_t CertificateList::memoryUsage() const {
 
 bool CertificateList::operator==(const CertificateList& other) const {
   if (!impl_ || !other.impl_) return !impl_ && !other.impl_;
-  return impl_->src.bytes == other.impl_->src.bytes;
+  return impl_->src.view() == other.impl_->src.view();
 }

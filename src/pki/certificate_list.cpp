@@ -880,46 +880,52 @@ CertificateList& CertificateList::operator=(const CertificateList& other) {
   return *this;
 }
 
+namespace {
+
+// The object for |length| bytes at |bytes|, or null when they are no CRL.
+// DER is read in place, while the caller's bytes are likely still in cache;
+// the object then takes them from |owner| when given (which holds them), or
+// copies them.
+std::unique_ptr<CertificateList::Impl> DecodeImpl(const uint8_t* bytes, size_t length,
+                                                  std::vector<uint8_t>* owner) {
+  auto impl = std::make_unique<CertificateList::Impl>();
+  if (impl->Parse(Input(bytes, length))) {
+    if (owner) {
+      impl->src.Take(owner);  // same bytes, same place: the views stay good
+    } else {
+      impl->src.Copy(bytes, length);
+      impl->CopyViews(*impl, bytes);
+    }
+  } else if (impl->ParseBer(Input(bytes, length))) {
+    if (owner) std::vector<uint8_t>().swap(*owner);
+  } else {
+    return nullptr;
+  }
+  return impl;
+}
+
+}  // namespace
+
 bool CertificateList::decode(const unsigned char* bytes, size_t length) {
   impl_.reset();
   if (!bytes || length == 0) return false;
   try {
-    auto impl = std::make_unique<Impl>();
-    // DER is read in place, while the caller's bytes are likely still in
-    // cache, and then copied.
-    if (impl->Parse(Input(bytes, length))) {
-      impl->src.Copy(bytes, length);
-      impl->CopyViews(*impl, bytes);
-    } else if (!impl->ParseBer(Input(bytes, length))) {
-      return false;
-    }
-    impl_ = std::move(impl);
-    return true;
+    impl_ = DecodeImpl(bytes, length, nullptr);
   } catch (...) {
-    // Allocation failure on a huge input.
-    impl_.reset();
-    return false;
+    impl_.reset();  // allocation failure on a huge input
   }
+  return impl_ != nullptr;
 }
 
 bool CertificateList::decode(std::vector<unsigned char>&& der) {
   impl_.reset();
   if (der.empty()) return false;
   try {
-    auto impl = std::make_unique<Impl>();
-    if (impl->Parse(Input(der.data(), der.size()))) {
-      impl->src.Take(&der);  // same bytes, same place: the views stay good
-    } else if (impl->ParseBer(Input(der.data(), der.size()))) {
-      std::vector<unsigned char>().swap(der);
-    } else {
-      return false;
-    }
-    impl_ = std::move(impl);
-    return true;
+    impl_ = DecodeImpl(der.data(), der.size(), &der);
   } catch (...) {
     impl_.reset();
-    return false;
   }
+  return impl_ != nullptr;
 }
 
 bool CertificateList::isDecoded() const { return impl_ != nullptr; }

@@ -124,7 +124,8 @@ double QuillonFirstAnswer(const Fixture& f, const std::string& serial_text, bool
   if (take) body = f.der;
   const double start = CpuNow();
   auto crl = std::make_unique<CertificateList>();
-  const bool decoded = take ? crl->decode(std::move(body)) : crl->decode(f.der.data(), f.der.size());
+  const bool decoded =
+      take ? crl->decode(std::move(body)) : crl->decode(f.der.data(), f.der.size());
   const long at = decoded ? crl->findSerial(serial_text.c_str()) : -1;
   benchmark::DoNotOptimize(at);
   const double spent = CpuNow() - start;

@@ -1,19 +1,21 @@
 // CertificateList: X.509 CRLs, built for lists of millions of entries.
 //
-// The object owns one copy of the CRL in DER. Decoding reads the header fields
-// and walks revokedCertificates once, checking each entry's shape, noting
-// where every eighth entry starts and indexing each serial; entries are
-// decoded only when asked for. Look-up by serial text goes through an
-// open-addressing hash table over entry numbers, filled during that walk
-// while the entries' bytes are in cache, keyed by the serial in minimal two's
-// complement form, so that the answer is the first entry in encoded order
-// whose printed serial equals the text (what a walk printing each serial
-// would find) in constant time.
+// The object owns the CRL in DER: a copy it made, or the caller's vector,
+// handed over. Decoding reads the header fields and walks
+// revokedCertificates once, in the caller's bytes before any copy is made,
+// checking each entry's shape, noting where every eighth entry starts and
+// indexing each serial; entries are decoded only when asked for. Look-up by
+// serial text goes through an open-addressing hash table over entry numbers,
+// filled during that walk while the entries' bytes are in cache, keyed by
+// the serial in minimal two's complement form, so that the answer is the
+// first entry in encoded order whose printed serial equals the text (what a
+// walk printing each serial would find) in constant time.
 //
 // Memory for a CRL of n entries: the DER, half a byte per entry of offsets
 // and a hash table of 8-byte slots, 1.5 per entry with an eighth to spare
 // (about 13.5 bytes per entry; 12 to 16 when the entries' sizes vary along
-// the list). Large buffers come from the platform's huge-page allocator.
+// the list). Large buffers come from the platform's huge-page allocator,
+// except a vector handed over, which is kept as it came.
 
 #include "quillon32/certificate_list.h"
 
@@ -315,7 +317,8 @@ inline bool HexToFourOctets(const char* text, uint8_t* out) {
   pairs = (pairs | (pairs >> 8)) & 0x0000FFFF0000FFFFULL;
   pairs = (pairs | (pairs >> 16)) & 0xFFFFFFFFULL;
   uint32_t octets = static_cast<uint32_t>(pairs);
-  if constexpr (std::endian::native == std::endian::big) octets = static_cast<uint32_t>(ByteSwap64(octets) >> 32);
+  if constexpr (std::endian::native == std::endian::big)
+    octets = static_cast<uint32_t>(ByteSwap64(octets) >> 32);
   std::memcpy(out, &octets, 4);
   return true;
 }
@@ -335,8 +338,8 @@ inline bool HexToEightOctets(const char* text, uint8_t* out) {
   const __m128i value = _mm_or_si128(_mm_and_si128(is_digit, d),
                                      _mm_and_si128(is_letter, _mm_add_epi8(l, _mm_set1_epi8(10))));
   // Each 16-bit lane holds a pair, the high digit in its low octet.
-  const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(value, 4), _mm_srli_epi16(value, 8)),
-                                      _mm_set1_epi16(0x00FF));
+  const __m128i pairs = _mm_and_si128(
+      _mm_or_si128(_mm_slli_epi16(value, 4), _mm_srli_epi16(value, 8)), _mm_set1_epi16(0x00FF));
   _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(pairs, pairs));
   return true;
 }

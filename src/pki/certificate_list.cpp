@@ -34,6 +34,7 @@
 
 #include "pki/der.h"
 #include "pki/x509_common.h"
+#include "platform/cpu.h"
 #include "platform/large_memory.h"
 
 using quillon::der::Input;
@@ -552,8 +553,8 @@ class IndexFiller {
     next = {HomeOf(hash, slots_), MakeSlot(hash, added_, offset, bits_)};
     // Its line, and the line a probe runs into when the home slot is one of
     // the last of its own: a wait there cost more than the extra traffic.
-    __builtin_prefetch(table_ + next.home, 1);
-    __builtin_prefetch(table_ + std::min(next.home + 4, slots_ - 1), 1);
+    platform::PrefetchForWrite(table_ + next.home);
+    platform::PrefetchForWrite(table_ + std::min(next.home + 4, slots_ - 1));
     ++added_;
     return true;
   }

@@ -18,6 +18,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/cpu.h"
+
 namespace quillon::der {
 
 // A non-owning view of bytes. The viewed memory must outlive the view.
@@ -274,7 +276,7 @@ namespace detail {
 // at most 4 octets in DER, 8 in BER, and in DER minimal (no leading zero
 // octet, and not where the short form would do). The one reader of long
 // lengths, for DecodeHeader() and ReadDerElement().
-[[gnu::always_inline]] inline bool DecodeLongLength(const uint8_t* p, size_t n, size_t* i,
+QUILLON_ALWAYS_INLINE bool DecodeLongLength(const uint8_t* p, size_t n, size_t* i,
                                                     uint8_t l0, Mode mode, size_t* content_len) {
   const size_t count = l0 & 0x7F;
   const size_t max_count = mode == Mode::kDer ? 4 : 8;
@@ -289,7 +291,7 @@ namespace detail {
 
 // Identifier octets (X.690 8.1.2) then length octets (8.1.3) of the element
 // at |at| in p[0..n). The one header reader of Parser and of IsStrictDer().
-[[gnu::always_inline]] inline bool DecodeHeader(const uint8_t* p, size_t n, size_t at, Mode mode,
+QUILLON_ALWAYS_INLINE bool DecodeHeader(const uint8_t* p, size_t n, size_t at, Mode mode,
                                                 Tag* tag, size_t* header_len, size_t* content_len,
                                                 bool* indefinite) {
   size_t i = at;
@@ -335,7 +337,7 @@ namespace detail {
 // the new *at and has *len octets, all before |end|. What Parser::Read in
 // DER mode with default limits accepts, without a Parser: the walks over
 // names and extensions run this some dozens of times per certificate.
-[[gnu::always_inline]] inline bool ReadDerElement(const uint8_t* p, size_t end, size_t* at,
+QUILLON_ALWAYS_INLINE bool ReadDerElement(const uint8_t* p, size_t end, size_t* at,
                                                   uint8_t tag_octet, size_t* len) {
   size_t i = *at;
   if (end - i < 2 || p[i] != tag_octet) return false;

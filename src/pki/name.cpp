@@ -13,6 +13,7 @@
 #include "pki/der.h"
 #include "pki/name_der.h"
 #include "pki/name_table.h"
+#include "platform/cpu.h"
 
 namespace quillon {
 namespace {
@@ -717,9 +718,9 @@ void PrintName(const Name& name, std::string* out) {
     // A name lives in many small blocks (each RDN, each value): ask for
     // them all before reading, so that their memory reads overlap rather
     // than follow one another.
-    for (const Name::RDN& rdn : name.rdns()) __builtin_prefetch(rdn.data());
+    for (const Name::RDN& rdn : name.rdns()) platform::Prefetch(rdn.data());
     for (const Name::RDN& rdn : name.rdns()) {
-      for (const Name::Attribute& a : rdn) __builtin_prefetch(a.value.data());
+      for (const Name::Attribute& a : rdn) platform::Prefetch(a.value.data());
     }
     AttributeViews views;
     for (const Name::RDN& rdn : name.rdns()) {

@@ -151,9 +151,11 @@ bool CheckAnyEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t
   return true;
 }
 
-inline uint16_t Load16(const uint8_t* p) {
-  uint16_t v;
-  std::memcpy(&v, p, 2);
+// The |T| stored at |p| in the machine's byte order, at any alignment.
+template <typename T>
+inline T Load(const uint8_t* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
   return v;
 }
 
@@ -169,24 +171,24 @@ inline bool IsShortTlv(uint16_t word, uint8_t tag) {
 // take them; CheckEntryExtensions() then decides.
 inline bool CheckShortExtensions(const uint8_t* p, size_t n) {
   if (n < 2) return false;
-  uint16_t w = Load16(p);
+  uint16_t w = Load<uint16_t>(p);
   if (!IsShortTlv(w, kSequenceTag) || (w >> 8) == 0 || (w >> 8) + size_t{2} != n) return false;
   for (size_t at = 2; at < n;) {
     if (n - at < 2) return false;
-    w = Load16(p + at);
+    w = Load<uint16_t>(p + at);
     const size_t length = w >> 8;  // of the Extension
     if (!IsShortTlv(w, kSequenceTag) || length > n - at - 2) return false;
     const uint8_t* x = p + at + 2;
     if (length < 2) return false;
-    w = Load16(x);  // extnID
+    w = Load<uint16_t>(x);  // extnID
     size_t k = 2 + (w >> 8);
     if (!IsShortTlv(w, kOidTag) || (w >> 8) == 0 || k + 2 > length) return false;
-    w = Load16(x + k);
+    w = Load<uint16_t>(x + k);
     if (IsShortTlv(w, kBooleanTag)) {  // critical
       if ((w >> 8) != 1) return false;
       k += 3;
       if (k + 2 > length) return false;
-      w = Load16(x + k);
+      w = Load<uint16_t>(x + k);
     }
     if (!IsShortTlv(w, kOctetStringTag) || k + 2 + (w >> 8) != length) return false;
     at += 2 + length;
@@ -200,15 +202,15 @@ inline bool CheckShortExtensions(const uint8_t* p, size_t n) {
 inline bool CheckEntry(const uint8_t* p, size_t avail, bool allow_extensions, size_t* whole,
                        Input* serial) {
   if (avail >= 2) {
-    const uint16_t e = Load16(p);
+    const uint16_t e = Load<uint16_t>(p);
     const size_t n = e >> 8;
     if (IsShortTlv(e, kSequenceTag) && n >= 2 && n <= avail - 2) {
       const uint8_t* c = p + 2;
-      const uint16_t s = Load16(c);
+      const uint16_t s = Load<uint16_t>(c);
       const size_t s_len = s >> 8;
       const size_t at = 2 + s_len;
       if (IsShortTlv(s, kIntegerTag) && s_len != 0 && at + 2 <= n) {
-        const uint16_t t = Load16(c + at);
+        const uint16_t t = Load<uint16_t>(c + at);
         const size_t end = at + 2 + (t >> 8);
         if ((IsShortTlv(t, kUtcTimeTag) || IsShortTlv(t, kGeneralizedTimeTag)) && (t >> 8) != 0 &&
             end <= n) {
@@ -271,6 +273,8 @@ inline Input MinimalInteger(Input v) {
 // ---------------------------------------------------------------------------
 // Serial text.
 
+// The octets of |v| in the reverse order: big-endian machines read text
+// the other way round.
 [[maybe_unused]] inline uint64_t ByteSwap64(uint64_t v) {
   v = ((v & 0x00FF00FF00FF00FFULL) << 8) | ((v >> 8) & 0x00FF00FF00FF00FFULL);
   v = ((v & 0x0000FFFF0000FFFFULL) << 16) | ((v >> 16) & 0x0000FFFF0000FFFFULL);
@@ -287,12 +291,6 @@ constexpr auto kHexValue = [] {
   return t;
 }();
 
-// The minimal INTEGER content octets of the value that BigInteger::toHex()
-// prints as |text|, written to |buffer| (one octet longer than half the
-// digits) and viewed by |out|; false when no value prints as |text|. The
-// printer writes an optional "-", then two upper-case digits per octet of
-// the magnitude's minimal big-endian form, and "00" for zero: so "0A" has a
-// value, while "A", "0a", "000A" and "-00" have none.
 // Eight upper-case hexadecimal digits at |text| written as four octets at
 // |out|, all eight checked at once in one word; false when any is not one of
 // "0123456789ABCDEF". Serial texts are 32 to 40 digits: a look-up spends
@@ -346,6 +344,12 @@ inline bool HexToEightOctets(const char* text, uint8_t* out) {
 }
 #endif
 
+// The minimal INTEGER content octets of the value that BigInteger::toHex()
+// prints as |text|, written to |buffer| (one octet longer than half the
+// digits) and viewed by |out|; false when no value prints as |text|. The
+// printer writes an optional "-", then two upper-case digits per octet of
+// the magnitude's minimal big-endian form, and "00" for zero: so "0A" has a
+// value, while "A", "0a", "000A" and "-00" have none.
 bool SerialTextToContent(const char* text, size_t length, uint8_t* buffer, Input* out) {
   const bool negative = text[0] == '-';
   const char* digits = negative ? text + 1 : text;
@@ -390,34 +394,14 @@ bool SerialTextToContent(const char* text, size_t length, uint8_t* buffer, Input
   return true;
 }
 
-// A 64-bit hash of a byte string with a per-table seed.
-uint64_t HashBytes(const uint8_t* p, size_t n, uint64_t seed) {
-  uint64_t h = seed ^ (static_cast<uint64_t>(n) * 0x9E3779B97F4A7C15ULL);
-  while (n >= 8) {
-    uint64_t v;
-    std::memcpy(&v, p, 8);
-    h = (h ^ v) * 0xBF58476D1CE4E5B9ULL;
-    h ^= h >> 31;
-    p += 8;
-    n -= 8;
-  }
-  if (n > 0) {
-    uint64_t v = 0;
-    std::memcpy(&v, p, n);
-    h = (h ^ v) * 0x94D049BB133111EBULL;
-  }
+// A seed for an object's hash table, mixed from its address.
+uint64_t SeedFrom(const void* object) {
+  uint64_t h = reinterpret_cast<uintptr_t>(object) ^ 0x51A7E5EEDULL;
   h ^= h >> 30;
   h *= 0xBF58476D1CE4E5B9ULL;
   h ^= h >> 27;
   h *= 0x94D049BB133111EBULL;
-  h ^= h >> 31;
-  return h;
-}
-
-inline uint64_t Load64(const uint8_t* p) {
-  uint64_t v;
-  std::memcpy(&v, p, 8);
-  return v;
+  return h ^ (h >> 31);
 }
 
 // Whether two serials' content octets are the same, compared a word at a
@@ -427,9 +411,9 @@ inline bool SameOctets(Input a, Input b) {
   if (n != b.size()) return false;
   if (n < 8) return n == 0 || std::memcmp(a.data(), b.data(), n) == 0;
   for (size_t k = 0; k + 8 < n; k += 8) {
-    if (Load64(a.data() + k) != Load64(b.data() + k)) return false;
+    if (Load<uint64_t>(a.data() + k) != Load<uint64_t>(b.data() + k)) return false;
   }
-  return Load64(a.data() + n - 8) == Load64(b.data() + n - 8);
+  return Load<uint64_t>(a.data() + n - 8) == Load<uint64_t>(b.data() + n - 8);
 }
 
 // The 128-bit product of |a| and |b|, folded to 64 bits.
@@ -447,12 +431,6 @@ inline uint64_t MixProduct(uint64_t a, uint64_t b) {
   const uint64_t low = (cross << 32) | (lo_lo & 0xFFFFFFFFu);
   return low ^ high;
 #endif
-}
-
-inline uint32_t Load32(const uint8_t* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
 }
 
 // The hash of a serial's minimal content octets. A leading sign octet (00
@@ -475,9 +453,9 @@ inline uint64_t HashSerial(const uint8_t* p, size_t n, uint64_t seed) {
   const uint64_t factor = seed ^ 0xA0761D6478BD642FULL;
   uint64_t h = seed ^ ((static_cast<uint64_t>(n) << 2 | sign) * 0x9E3779B97F4A7C15ULL);
   size_t k = 0;
-  for (; k + 8 <= n; k += 8) h = MixProduct(h ^ Load64(p + k), factor);
+  for (; k + 8 <= n; k += 8) h = MixProduct(h ^ Load<uint64_t>(p + k), factor);
   if (k + 4 <= n) {
-    h = MixProduct(h ^ Load32(p + k), factor ^ 0xE7037ED1A0B428DBULL);
+    h = MixProduct(h ^ Load<uint32_t>(p + k), factor ^ 0xE7037ED1A0B428DBULL);
     k += 4;
   }
   if (k < n) {
@@ -610,7 +588,6 @@ struct CertificateList::Impl {
       std::memcpy(copied_.data(), bytes, length);
     }
     void Take(std::vector<uint8_t>* bytes) { taken_.swap(*bytes); }
-    void Give(std::vector<uint8_t>* bytes) { bytes->swap(taken_); }
 
    private:
     LargeBytes copied_;
@@ -795,8 +772,7 @@ struct CertificateList::Impl {
     }
     const size_t estimate = at < n ? n / (at / seen) + n / (8 * (at / seen)) : seen;
     checkpoints.reserve(estimate / kStride + 1);
-    const uintptr_t here = reinterpret_cast<uintptr_t>(this);
-    seed = pki::HashBytes(reinterpret_cast<const uint8_t*>(&here), sizeof here, 0x51A7E5EEDULL);
+    seed = pki::SeedFrom(this);
     const size_t slots = NewIndex(estimate);
     // Beyond this many entries the table would fill up: the rest are only
     // checked, and the index made again.

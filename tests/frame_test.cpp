@@ -71,7 +71,7 @@ TEST(Frame, SecondInitIsANoOpAndFinalizeKeepsItSo) {
   });
 }
 
-TEST(Frame, SettingsKeepTheirLimits) {
+TEST(Frame, SettingsKeepTheirLimitsButOcspLogLevelsAreNotClamped) {
   IN_CHILD([] {
     const auto& s = Library::Get().settings();
     ocsp_setTCPTimeout(5);  // one OCSP time-out behind two setters: the last call wins
@@ -83,6 +83,14 @@ TEST(Frame, SettingsKeepTheirLimits) {
     CHECK(s.language == 1 && s.ocsp_language == 1);
     cache_enableLog(9);
     CHECK(s.default_log_level == 7);
+    void* o = ocsp_getContext();
+    ocsp_enableLog(o, 200);
+    CHECK(static_cast<OcspContext*>(o)->logger->level == 200);
+    ocsp_releaseContext(o);
+    cache_disableLog();  // contexts made now get no logger
+    void* quiet = cache_getContext();
+    CHECK(static_cast<CacheContext*>(quiet)->logger == nullptr);
+    cache_releaseContext(quiet);
     const std::string long_name(300, 'f');
     cache_setCURLlog(long_name.c_str());
     CHECK(FieldText(s.curl_log) == long_name.substr(0, 259));
@@ -124,19 +132,6 @@ TEST(Frame, ContextsStartCleanAndReportGettersReturnCopies) {
   EXPECT_EQ(ocsp_getNextUpdate(octx), nullptr);
   cache_releaseContext(ctx);
   ocsp_releaseContext(octx);
-}
-
-TEST(Frame, DisabledLogGivesNoLoggerAndOcspLevelsAreNotClamped) {
-  IN_CHILD([] {
-    cache_disableLog();
-    void* quiet = cache_getContext();
-    CHECK(static_cast<CacheContext*>(quiet)->logger == nullptr);
-    void* o = ocsp_getContext();
-    ocsp_enableLog(o, 200);  // not clamped
-    CHECK(static_cast<OcspContext*>(o)->logger->level == 200);
-    cache_releaseContext(quiet);
-    ocsp_releaseContext(o);
-  });
 }
 
 TEST(Logger, ComposesOneArgumentIntoTheFirstPlaceholderOnly) {

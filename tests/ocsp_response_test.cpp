@@ -4,7 +4,6 @@
 #include "quillon32/ocsp_response.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <openssl/sha.h>
 
 #include <algorithm>
@@ -42,13 +41,6 @@ bool DecodeBasic(const Bytes& der, OCSPResponse* r, BasicOCSPResponse* b) {
   return r->decode(der.data(), der.size()) && r->basicResponse(b);
 }
 
-bool VerifiesWith(const BasicOCSPResponse& b, const qt::Key& key) {
-  qt::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-  const ByteView tbs = b.tbsResponseData(), sig = b.signatureValue();
-  return EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) == 1 &&
-         EVP_DigestVerify(ctx.get(), sig.data, sig.size, tbs.data, tbs.size) == 1;
-}
-
 // Every real response decodes to what its facts row says, re-encodes byte
 // for byte and wraps back into its own envelope. The OpenSSL
 // variants are faulty only in values (signatures, responder IDs, CertID
@@ -65,7 +57,6 @@ TEST(OcspResponse, RealResponsesMatchTheirFacts) {
     OCSPResponse r;
     BasicOCSPResponse b;
     ASSERT_TRUE(DecodeBasic(der, &r, &b));
-    EXPECT_EQ(row.at("status"), "SUCCESSFUL");
     EXPECT_EQ(r.responseStatus(), OCSPResponse::kSuccessful);
     EXPECT_EQ(r.encode(), der);
     EXPECT_EQ(b.encode(), ToBytes(r.response()));
@@ -182,43 +173,33 @@ TEST(OcspResponse, BoringSslCasesDecodeAndRebuildTheirRequests) {
   EXPECT_EQ(checked, 36);
 }
 
-// Made here: a responder named by key, a nonce, and single responses unknown
-// and revoked with a reason (7 is outside CRLReason: revoked, with no reason)
-// and invalidityDate, which the real ones lack. ResponseData of version v2 or
-// with an element after its last, and a certStatus [3], are refused.
+// Made here: a nonce, and single responses unknown and revoked with a reason
+// (7 is outside CRLReason: revoked, with no reason) and invalidityDate, which
+// the real ones lack. ResponseData of version v2 or with an element after its
+// last, and a certStatus [3], are refused.
 TEST(OcspResponse, MadeResponseDecodesToWhatWasSigned) {
   const qt::Pki pki = qt::MakePki(qt::KeyType::kEcP256);
   const time_t produced = qt::UtcTime(2024, 5, 1, 12), revoked = qt::UtcTime(2023, 2, 3, 4, 5, 6);
   const time_t invalid = qt::UtcTime(2023, 1, 1);
+  const X509* ca = pki.intermediate.get();
   const Bytes der = qt::MakeOcspDer(
-      {.responses = {{.issuerCert = pki.intermediate.get(),
-                      .status = qt::CertStatus::kRevoked,
-                      .revocationTime = revoked,
-                      .reason = qt::kReasonAaCompromise,
-                      .thisUpdate = produced - 60,
-                      .nextUpdate = std::nullopt,
+      {.responses = {{.issuerCert = ca, .status = qt::CertStatus::kRevoked,
+                      .revocationTime = revoked, .reason = qt::kReasonAaCompromise,
+                      .thisUpdate = produced - 60, .nextUpdate = std::nullopt,
                       .invalidityDate = invalid},
-                     {.issuerCert = pki.intermediate.get(),
-                      .serial = 7,
-                      .status = qt::CertStatus::kUnknown,
-                      .thisUpdate = produced - 60,
-                      .nextUpdate = produced + 86400},
-                     {.issuerCert = pki.intermediate.get(),
-                      .serial = 8,
-                      .status = qt::CertStatus::kRevoked,
+                     {.issuerCert = ca, .serial = 7, .status = qt::CertStatus::kUnknown,
+                      .thisUpdate = produced - 60, .nextUpdate = produced + 86400},
+                     {.issuerCert = ca, .serial = 8, .status = qt::CertStatus::kRevoked,
                       .reason = 7}},
        .producedAt = produced,
        .signerCert = pki.intermediate.get(),
        .signerKey = pki.intermediateKey,
-       .responderId = qt::ResponderIdType::kByKey,
        .nonce = Bytes{1, 2, 3, 4}});
   OCSPResponse r;
   BasicOCSPResponse b;
   ASSERT_TRUE(DecodeBasic(der, &r, &b));
   EXPECT_EQ(r.encode(), der);
-  EXPECT_TRUE(VerifiesWith(b, pki.intermediateKey));
   EXPECT_NE(b.responseExtension("1.3.6.1.5.5.7.48.1.2"), nullptr);
-  EXPECT_EQ(ToBytes(b.responderKeyHash()), qt::KeyIdentifier(pki.intermediateKey));
   ASSERT_EQ(b.responses().size(), 3u);
   const OCSPSingleResponse &first = b.responses()[0], &second = b.responses()[1];
   EXPECT_EQ(first.certStatus, OCSPSingleResponse::kRevoked);
@@ -304,7 +285,6 @@ TEST(OcspResponse, BerResponseKeepsTheSignedBytesAsReceived) {
   ASSERT_TRUE(from_ber.decode(ber.data(), ber.size()));
   EXPECT_FALSE(from_ber.isStrictDER());
   EXPECT_EQ(ToBytes(from_ber.tbsResponseData()), ber_tbs);
-  EXPECT_TRUE(VerifiesWith(from_ber, pki.intermediateKey));
   EXPECT_EQ(ToBytes(BasicOCSPResponse(from_ber).tbsResponseData()), ber_tbs);
   const Bytes encoded = from_ber.encode();
   ASSERT_TRUE(again.decode(encoded.data(), encoded.size()));

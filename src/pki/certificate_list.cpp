@@ -3,17 +3,17 @@
 // The object owns the CRL in DER: a copy it made, or the caller's vector,
 // handed over. Decoding reads the header fields and walks
 // revokedCertificates once, in the caller's bytes before any copy is made,
-// checking each entry's shape, noting where every eighth entry starts and
-// indexing each serial; entries are decoded only when asked for. Look-up by
-// serial text goes through an open-addressing hash table over entry numbers,
+// checking each entry's shape, noting where it starts and indexing its
+// serial; entries are decoded only when asked for. Look-up by serial text
+// goes through an open-addressing hash table of entry numbers,
 // filled during that walk while the entries' bytes are in cache, keyed by
 // the serial in minimal two's complement form, so that the answer is the
 // first entry in encoded order whose printed serial equals the text (what a
 // walk printing each serial would find) in constant time.
 //
-// Memory for a CRL of n entries: the DER, half a byte per entry of offsets
-// and a hash table of 8-byte slots, 1.5 per entry with an eighth to spare
-// (about 13.5 bytes per entry; 12 to 16 when the entries' sizes vary along
+// Memory for a CRL of n entries: the DER, 4 bytes per entry of offsets and
+// a hash table of 4-byte slots, 2.5 per entry with an eighth to spare
+// (about 15 bytes per entry, at most 18 when the entries' sizes vary along
 // the list). Large buffers come from the platform's huge-page allocator,
 // except a vector handed over, which is kept as it came.
 
@@ -258,6 +258,9 @@ inline Input EntrySerial(const uint8_t* p, size_t* whole = nullptr) {
   return Input(p + entry_header + serial_header, serial_length);
 }
 
+// Where each entry starts, counted from the start of the DER.
+using Offsets = std::vector<uint32_t>;
+
 // The minimal two's complement form of INTEGER content octets: redundant
 // leading sign octets removed (X.690 8.3.2).
 inline Input MinimalInteger(Input v) {
@@ -467,13 +470,13 @@ inline uint64_t HashSerial(const uint8_t* p, size_t n, uint64_t seed) {
 }
 
 // ---------------------------------------------------------------------------
-// The serial index: open addressing with linear probing. A slot holds 0
-// (free) or, in its low half, the offset of an entry in the DER, and in its
-// high half the entry number + 1 in the low |bits| bits with hash bits above
-// them: most probes that would not match are told apart without reading an
-// entry, and one that matches reads the entry at once, with no walk from a
-// checkpoint (a look-up is then two memory reads, the slot and the entry,
-// that a following look-up can overlap).
+// The serial index: open addressing with linear probing over 4-byte slots,
+// 2.5 per entry. A slot holds 0 (free) or the entry number + 1 in its low
+// |bits| bits, with hash bits above them: most probes that would not match
+// are told apart without reading an entry. Small slots at a low load make
+// short probes in a small table: filling it is a random write per entry,
+// and each probe past the home slot was a branch the processor guessed
+// wrong about half the time.
 
 // The home slot of a hash among |slots|; its high bits choose it.
 inline size_t HomeOf(uint32_t hash, size_t slots) {
@@ -490,26 +493,8 @@ inline uint32_t EntryMask(unsigned bits) {
   return static_cast<uint32_t>((uint64_t{1} << bits) - 1);
 }
 
-// Puts |slot|, for an entry whose serial hashes to the slot |home| and
-// starts at the offset the slot holds, into the first free slot from
-// |home|, unless an entry met on the way has the same serial.
-inline void PutSlot(uint64_t* table, size_t slots, uint32_t tag_mask, const uint8_t* der,
-                    size_t home, uint64_t slot) {
-  for (size_t at = home;; at = at + 1 == slots ? 0 : at + 1) {
-    const uint64_t held = table[at];
-    if (held == 0) {
-      table[at] = slot;
-      return;
-    }
-    if ((static_cast<uint32_t>((held ^ slot) >> 32) & tag_mask) == 0 &&
-        SameOctets(MinimalInteger(EntrySerial(der + static_cast<uint32_t>(held))),
-                   MinimalInteger(EntrySerial(der + static_cast<uint32_t>(slot)))))
-      return;
-  }
-}
-
-inline uint64_t MakeSlot(uint32_t hash, size_t number, uint32_t offset, unsigned bits) {
-  return (uint64_t{TagOf(hash, bits) | static_cast<uint32_t>(number + 1)} << 32) | offset;
+inline uint32_t MakeSlot(uint32_t hash, size_t number, unsigned bits) {
+  return TagOf(hash, bits) | static_cast<uint32_t>(number + 1);
 }
 
 // Fills an empty index with up to |room| entries given in encoded order, so
@@ -518,9 +503,12 @@ inline uint64_t MakeSlot(uint32_t hash, size_t number, uint32_t offset, unsigned
 // over a table larger than the caches.
 class IndexFiller {
  public:
-  IndexFiller(uint64_t* table, size_t slots, unsigned bits, size_t room, const uint8_t* der)
+  // |offsets| are those of the entries at |der|, noted before they are
+  // added: an entry's serial is read again when another hashes alike.
+  IndexFiller(uint32_t* table, size_t slots, unsigned bits, size_t room, const uint8_t* der,
+              const Offsets& offsets)
       : table_(table), slots_(slots), bits_(bits), tag_mask_(~EntryMask(bits)), room_(room),
-        der_(der) {}
+        der_(der), offsets_(offsets) {}
 
   // Entry number added(), at |offset| in the DER, whose serial has |hash|;
   // false, leaving it out, when the table has no room left.
@@ -528,11 +516,8 @@ class IndexFiller {
     if (added_ == room_) return false;
     Pending& next = pending_[added_ % kAhead];
     if (added_ >= kAhead) Insert(next);
-    next = {HomeOf(hash, slots_), MakeSlot(hash, added_, offset, bits_)};
-    // Its line, and the line a probe runs into when the home slot is one of
-    // the last of its own: a wait there cost more than the extra traffic.
+    next = {HomeOf(hash, slots_), MakeSlot(hash, added_, bits_), offset};
     platform::PrefetchForWrite(table_ + next.home);
-    platform::PrefetchForWrite(table_ + std::min(next.home + 4, slots_ - 1));
     ++added_;
     return true;
   }
@@ -545,18 +530,34 @@ class IndexFiller {
  private:
   static constexpr size_t kAhead = 16;
   struct Pending {
-    size_t home;    // the slot its hash names
-    uint64_t slot;  // what it puts there
+    size_t home;      // the slot its hash names
+    uint32_t slot;    // what it puts there
+    uint32_t offset;  // where the entry starts
   };
 
-  void Insert(const Pending& e) { PutSlot(table_, slots_, tag_mask_, der_, e.home, e.slot); }
+  // Puts |e| into the first free slot from its home, unless an entry met
+  // on the way has the same serial: the first one listed is kept.
+  void Insert(const Pending& e) {
+    for (size_t at = e.home;; at = at + 1 == slots_ ? 0 : at + 1) {
+      const uint32_t held = table_[at];
+      if (held == 0) {
+        table_[at] = e.slot;
+        return;
+      }
+      if (((held ^ e.slot) & tag_mask_) == 0 &&
+          SameOctets(MinimalInteger(EntrySerial(der_ + offsets_[(held & ~tag_mask_) - 1])),
+                     MinimalInteger(EntrySerial(der_ + e.offset))))
+        return;
+    }
+  }
 
-  uint64_t* table_;
+  uint32_t* table_;
   size_t slots_;
   unsigned bits_;
   uint32_t tag_mask_;
   size_t room_;
   const uint8_t* der_;
+  const Offsets& offsets_;
   size_t added_ = 0;
   Pending pending_[kAhead];
 };
@@ -604,21 +605,15 @@ struct CertificateList::Impl {
   bool has_next_update = false;
   std::vector<Extension> extensions;
 
-  // Offset in src of every kStride-th entry (0, kStride, 2 kStride...).
-  // An entry between two is reached by skipping the headers of the ones
-  // before it, which are checked and sit in the same few cache lines. One
-  // offset per entry would cost more memory and one more cache miss per
-  // look-up on large lists.
-  static constexpr size_t kStride = 8;
-  std::vector<uint32_t> checkpoints;
-  size_t entry_count = 0;
+  // Offset in src of every entry, in encoded order.
+  pki::Offsets offsets;
 
   // The serial index (see IndexFiller), keyed by the serial in minimal two's
-  // complement form, filled while decoding walks the entries, 1.5 to 2
+  // complement form, filled while decoding walks the entries, 2.5 to 3.3
   // slots per entry. The hash seed differs between objects and runs (it is
   // the object's address), so that serials crafted to collide cannot be
   // prepared; a copy keeps its original's seed along with the table.
-  std::vector<uint64_t, platform::LargeAllocator<uint64_t>> index;
+  std::vector<uint32_t, platform::LargeAllocator<uint32_t>> index;
   unsigned index_bits = 0;
   uint64_t seed = 0;
 
@@ -632,8 +627,7 @@ struct CertificateList::Impl {
         next_update(o.next_update),
         has_next_update(o.has_next_update),
         extensions(o.extensions),
-        checkpoints(o.checkpoints),
-        entry_count(o.entry_count),
+        offsets(o.offsets),
         index(o.index),
         index_bits(o.index_bits),
         seed(o.seed) {
@@ -657,17 +651,12 @@ struct CertificateList::Impl {
   // Start of the bytes being parsed, during Parse().
   const uint8_t* walk_base = nullptr;
 
-  size_t EntryCount() const { return entry_count; }
+  size_t EntryCount() const { return offsets.size(); }
 
   // Entry |i| (below EntryCount()), whole.
   Input Entry(size_t i) const {
-    const uint8_t* p = src.data() + checkpoints[i / kStride];
-    size_t whole = pki::WholeLength(p);
-    for (size_t k = i % kStride; k > 0; --k) {
-      p += whole;
-      whole = pki::WholeLength(p);
-    }
-    return Input(p, whole);
+    const uint8_t* p = src.data() + offsets[i];
+    return Input(p, pki::WholeLength(p));
   }
 
   // CertificateList ::= SEQUENCE { tbsCertList TBSCertList,
@@ -732,9 +721,8 @@ struct CertificateList::Impl {
     Input revoked;
     bool present = false;
     if (!p.ReadOptional(der::kSequence, &revoked, &present)) return false;
-    checkpoints.clear();
+    offsets.clear();
     decltype(index)().swap(index);
-    entry_count = 0;
     if (present && !WalkEntries(revoked)) return false;
     Parser exts;
     if (!p.ReadOptionalConstructed(der::ContextSpecificConstructed(0), &exts, &present))
@@ -759,7 +747,7 @@ struct CertificateList::Impl {
     const uint8_t* p = revoked.data();
     const size_t n = revoked.size();
     const bool v2 = version == 2;
-    // Size the checkpoints and the index from the mean size of the first
+    // Size the offsets and the index from the mean size of the first
     // entries, with an eighth more. The index is filled as the entries are
     // walked, while their bytes are in cache; if the estimate proves wrong
     // it is made again, at the right size, once the count is known.
@@ -771,30 +759,30 @@ struct CertificateList::Impl {
       ++seen;
     }
     const size_t estimate = at < n ? n / (at / seen) + n / (8 * (at / seen)) : seen;
-    checkpoints.reserve(estimate / kStride + 1);
+    offsets.reserve(estimate);
     seed = pki::SeedFrom(this);
     const size_t slots = NewIndex(estimate);
     // Beyond this many entries the table would fill up: the rest are only
     // checked, and the index made again.
     const size_t room = std::min<size_t>(slots - slots / 5, pki::EntryMask(index_bits) - 1);
-    pki::IndexFiller filler(index.data(), slots, index_bits, room, base);
+    pki::IndexFiller filler(index.data(), slots, index_bits, room, base, offsets);
     at = 0;
-    size_t count = 0;
     bool adding = true;
     while (at < n) {
+      // The entries are read once, front to back, faster than the
+      // processor's own prefetching fetches them across pages.
+      platform::Prefetch(p + at + 1024);
       if (!pki::CheckEntry(p + at, n - at, v2, &whole, &serial)) return false;
       const uint32_t offset = static_cast<uint32_t>(p + at - base);
-      if (count % kStride == 0) checkpoints.push_back(offset);
+      offsets.push_back(offset);
       if (adding) adding = filler.Add(Hash(pki::MinimalInteger(serial)), offset);
-      ++count;
       at += whole;
     }
     filler.Finish();
-    entry_count = count;
-    if (checkpoints.capacity() > checkpoints.size() + checkpoints.size() / 8)
-      checkpoints.shrink_to_fit();
+    const size_t count = offsets.size();
+    if (offsets.capacity() > count + count / 8) offsets.shrink_to_fit();
     // Too small, or more than a third too large: made again at its size.
-    if (!adding || slots > 2 * count + 64) IndexEntries();
+    if (!adding || slots > 10 * (count / 3) + 64) IndexEntries();
     return true;
   }
 
@@ -819,11 +807,11 @@ struct CertificateList::Impl {
   // Replaces the index with an empty one for |entries| entries; gives its
   // slot count.
   size_t NewIndex(size_t entries) {
-    const size_t slots = entries + entries / 2 + 2;
+    const size_t slots = 2 * entries + entries / 2 + 2;
     decltype(index) table;
     table.reserve(slots);
     table.resize(slots);  // left unset: fresh large blocks come zeroed
-    if (!platform::ComesZeroed(table.capacity() * sizeof(uint64_t)))
+    if (!platform::ComesZeroed(table.capacity() * sizeof(uint32_t)))
       std::fill(table.begin(), table.end(), 0);
     index = std::move(table);
     index_bits = static_cast<unsigned>(std::bit_width(slots));
@@ -833,17 +821,12 @@ struct CertificateList::Impl {
   // Indexes the entries, already checked and counted, afresh.
   void IndexEntries() {
     decltype(index)().swap(index);
-    if (entry_count == 0) return;
-    const size_t slots = NewIndex(entry_count);
+    if (offsets.empty()) return;
+    const size_t slots = NewIndex(offsets.size());
     const uint8_t* const base = walk_base;
-    pki::IndexFiller filler(index.data(), slots, index_bits, entry_count, base);
-    const uint8_t* p = base + checkpoints[0];
-    for (size_t i = 0; i < entry_count; ++i) {
-      size_t whole;
-      const Input serial = pki::EntrySerial(p, &whole);
-      filler.Add(Hash(pki::MinimalInteger(serial)), static_cast<uint32_t>(p - base));
-      p += whole;
-    }
+    pki::IndexFiller filler(index.data(), slots, index_bits, offsets.size(), base, offsets);
+    for (const uint32_t offset : offsets)
+      filler.Add(Hash(pki::MinimalInteger(pki::EntrySerial(base + offset))), offset);
     filler.Finish();
   }
 
@@ -853,15 +836,14 @@ struct CertificateList::Impl {
     const size_t slots = index.size();
     const uint32_t entry_mask = pki::EntryMask(index_bits);
     const uint32_t want_tag = pki::TagOf(h, index_bits);
-    const uint8_t* const base = src.data();
     for (size_t at = pki::HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
-      const uint64_t held = index[at];
+      const uint32_t held = index[at];
       if (held == 0) return -1;
-      const uint32_t high = static_cast<uint32_t>(held >> 32);
-      if ((high & ~entry_mask) != want_tag) continue;
-      if (pki::SameOctets(pki::MinimalInteger(pki::EntrySerial(base + static_cast<uint32_t>(held))),
+      if ((held & ~entry_mask) != want_tag) continue;
+      const size_t number = (held & entry_mask) - 1;
+      if (pki::SameOctets(pki::MinimalInteger(pki::EntrySerial(src.data() + offsets[number])),
                           serial))
-        return static_cast<long>((high & entry_mask) - 1);
+        return static_cast<long>(number);
     }
   }
 };
@@ -1166,8 +1148,8 @@ size_t CertificateList::memoryUsage() const {
   if (!impl_) return sizeof(*this);
   const Impl& m = *impl_;
   size_t total = sizeof(*this) + sizeof(Impl) + m.src.footprint() +
-                 m.received_tbs.capacity() + m.checkpoints.capacity() * sizeof(uint32_t) +
-                 platform::LargeFootprint(m.index.capacity() * sizeof(uint64_t));
+                 m.received_tbs.capacity() + m.offsets.capacity() * sizeof(uint32_t) +
+                 platform::LargeFootprint(m.index.capacity() * sizeof(uint32_t));
   for (const Extension& e : m.extensions)
     total += sizeof(e) + e.oid.capacity() + e.value.capacity();
   for (const Name::RDN& rdn : m.issuer.rdns()) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "api/messages.h"
+#include "platform/unload.h"
 #include "quillon32/certificate_list.h"
 #include "quillon32/ocsp_response.h"
 
@@ -133,6 +134,6 @@ void Fail(OcspContext* ctx, unsigned long code) {
 
 // Library load and unload: the device handles start empty (the Library
 // object is made on first use); on unload an open device is closed.
-__attribute__((destructor)) static void OnUnload() { Library::Get().Unload(); }
+const bool kUnloadHookSet = (platform::SetUnloadHook([] { Library::Get().Unload(); }), true);
 
 }  // namespace quillon::api

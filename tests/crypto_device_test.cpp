@@ -4,10 +4,8 @@
 #include "pki/crypto_device.h"
 
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/param_build.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
@@ -306,68 +304,46 @@ TEST(CryptoDevice, NamedCurvesOnly) {
   EXPECT_FALSE(Verifies(alg, PublicKey(p256.get()), sig));
 }
 
-// FRP256v1, which OpenSSL does not carry: a key made here on the curve built
-// from its published parameters, written with the curve's OID, its point
-// uncompressed and compressed.
+// FRP256v1, which OpenSSL does not carry: a signature over kMessage that
+// OpenSSL made with a key on the curve built from its published parameters,
+// the key written with the curve's OID, its point uncompressed and compressed.
 TEST(CryptoDevice, Frp256v1) {
-  const std::pair<const char*, const char*> kCurve[] = {
-      {OSSL_PKEY_PARAM_EC_P, "F1FD178C0B3AD58F10126DE8CE42435B3961ADBCABC8CA6DE8FCF353D86E9C03"},
-      {OSSL_PKEY_PARAM_EC_A, "F1FD178C0B3AD58F10126DE8CE42435B3961ADBCABC8CA6DE8FCF353D86E9C00"},
-      {OSSL_PKEY_PARAM_EC_B, "EE353FCA5428A9300D4ABA754A44C00FDFEC0C9AE4B1A1803075ED967B7BB73F"},
-      {OSSL_PKEY_PARAM_EC_ORDER,
-       "F1FD178C0B3AD58F10126DE8CE42435B53DC67E140D2BF941FFDD459C6D655E1"},
-      {OSSL_PKEY_PARAM_EC_COFACTOR, "01"}};
-  const Bytes g = qt::Unhex(
+  const char* frp = "1.2.250.1.223.101.256.1";
+  const Bytes point = qt::Unhex(  // y even
+      "045122AF1C5AA99E2479CE4E79422CADC2512893CBCDFF4A70D0A59AF681CB0B9D"
+      "C1723381824F4B0C56F58831C3AF0723B8716DBAB034C3A335F127A125CDC8E2");
+  const Bytes generator = qt::Unhex(  // y odd
       "04B6B3D4C356C139EB31183D4749D423958C27D2DCAF98B70164C97A2DD98F5CFF"
       "6142E0F7C8B204911F9271F0F3ECEF8C2701C307E8E4C9E183115A1554062CFB");
-  OSSL_PARAM_BLD* bld = OSSL_PARAM_BLD_new();
-  std::vector<BIGNUM*> numbers;
-  OSSL_PARAM_BLD_push_utf8_string(bld, OSSL_PKEY_PARAM_EC_FIELD_TYPE, SN_X9_62_prime_field, 0);
-  OSSL_PARAM_BLD_push_octet_string(bld, OSSL_PKEY_PARAM_EC_GENERATOR, g.data(), g.size());
-  for (const auto& [name, hex] : kCurve) {
-    numbers.push_back(nullptr);
-    BN_hex2bn(&numbers.back(), hex);
-    OSSL_PARAM_BLD_push_BN(bld, name, numbers.back());
-  }
-  OSSL_PARAM* params = OSSL_PARAM_BLD_to_param(bld);
-  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr);
-  EVP_PKEY* made = nullptr;
-  EXPECT_TRUE(EVP_PKEY_keygen_init(ctx) == 1 && EVP_PKEY_CTX_set_params(ctx, params) == 1 &&
-              EVP_PKEY_generate(ctx, &made) == 1);
-  EVP_PKEY_CTX_free(ctx);
-  OSSL_PARAM_free(params);
-  OSSL_PARAM_BLD_free(bld);
-  for (BIGNUM* n : numbers) BN_free(n);
-  const Pkey key(made);
-  ASSERT_TRUE(key);
-  Bytes point[2] = {Bytes(65), {}};  // uncompressed, compressed
-  size_t length = 0;
-  ASSERT_EQ(EVP_PKEY_get_octet_string_param(key.get(), OSSL_PKEY_PARAM_PUB_KEY, point[0].data(),
-                                            65, &length), 1);
-  ASSERT_EQ(length, 65u);
-  point[1].assign(point[0].begin(), point[0].begin() + 33);
-  point[1][0] = static_cast<uint8_t>(0x02 | (point[0].back() & 1));
-
-  const char* frp = "1.2.250.1.223.101.256.1";
-  const Bytes alg = AlgId(kEcdsaSha256), sig = Sign(key.get(), "SHA256");
-  EXPECT_TRUE(Verifies(alg, EcSpki(frp, point[0]), sig));
-  EXPECT_TRUE(Verifies(alg, EcSpki(frp, point[1]), sig));
-  EXPECT_FALSE(Verifies(alg, EcSpki(frp, point[0]), sig, Bytes{'x'}));
+  const Bytes sig = qt::Unhex(
+      "3046022100A81C219FC71FA1E297E224238D4597BC3067D35ABD7C2B851D935CDB9C2395BD"
+      "022100B2A6F70A8F799818DC4BD4E9D9A092E948211A01CBEFFA7DD6A26910E5BE872B");
+  const auto compressed = [](const Bytes& p) {
+    Bytes out(p.begin(), p.begin() + 33);
+    out[0] = static_cast<uint8_t>(0x02 | (p.back() & 1));
+    return out;
+  };
+  const Bytes alg = AlgId(kEcdsaSha256);
+  EXPECT_TRUE(Verifies(alg, EcSpki(frp, point), sig));
+  EXPECT_TRUE(Verifies(alg, EcSpki(frp, compressed(point)), sig));
+  EXPECT_FALSE(Verifies(alg, EcSpki(frp, point), sig, Bytes{'x'}));
   // The same point read on P-256 is not on that curve.
-  EXPECT_FALSE(Verifies(alg, EcSpki("1.2.840.10045.3.1.7", point[0]), sig));
+  EXPECT_FALSE(Verifies(alg, EcSpki("1.2.840.10045.3.1.7", point), sig));
   // The CertID key hash is over the uncompressed point, whichever form the
-  // SPKI holds.
-  Bytes expected, got;
-  ASSERT_TRUE(Device().sha1(In(point[0]), &expected));
-  for (const Bytes& form : point) {
-    ASSERT_TRUE(Device().keyHash(In(EcSpki(frp, form)), &got));
-    EXPECT_EQ(got, expected);
+  // SPKI holds, for a compressed y of either parity.
+  for (const Bytes& p : {point, generator}) {
+    Bytes expected, got;
+    ASSERT_TRUE(Device().sha1(In(p), &expected));
+    for (const Bytes& form : {p, compressed(p)}) {
+      ASSERT_TRUE(Device().keyHash(In(EcSpki(frp, form)), &got));
+      EXPECT_EQ(got, expected);
+    }
   }
 }
 
 // Malformed identifiers and keys, and signatures of the wrong size or family,
 // fail cleanly; each case is one change to an input that verifies. (The
-// vectors cover malformed ECDSA signatures.)
+// vectors cover malformed ECDSA signatures, the empty one among them.)
 TEST(CryptoDevice, MalformedInputsFail) {
   const Bytes rsa_spki = PublicKey(RsaKey()), rsa_sig = Sign(RsaKey(), "SHA256");
   const Bytes rsa_alg = AlgId(kRsaSha256, kNull), ec_alg = AlgId(kEcdsaSha256);
@@ -390,7 +366,6 @@ TEST(CryptoDevice, MalformedInputsFail) {
       {"spki: EC without curve", ec_alg,
        Spki(AlgId("1.2.840.10045.2.1"), Bytes(ec_spki.end() - 65, ec_spki.end())), ec_sig},
       {"sig: RSA one byte short", rsa_alg, rsa_spki, Bytes(rsa_sig.begin() + 1, rsa_sig.end())},
-      {"sig: empty", ec_alg, ec_spki, {}},
       {"RSA algorithm, EC key", rsa_alg, ec_spki, rsa_sig},
       {"ECDSA algorithm, RSA key", ec_alg, rsa_spki, ec_sig},
   };

@@ -585,14 +585,39 @@ struct CertificateList::Impl {
     }
 
     void Copy(const uint8_t* bytes, size_t length) {
+      from_ = nullptr;
       copied_.resize(length);
       std::memcpy(copied_.data(), bytes, length);
     }
     void Take(std::vector<uint8_t>* bytes) { taken_.swap(*bytes); }
 
+    // A copy made along a walk over |bytes|: CopyAlong() copies what the
+    // walk has read, a stretch at a time while it is still in cache, and
+    // FinishCopy() the rest. Without StartCopy() both do nothing.
+    void StartCopy(const uint8_t* bytes, size_t length) {
+      copied_.resize(length);
+      from_ = bytes;
+      done_ = 0;
+    }
+    void CopyAlong(size_t read) {
+      if (from_ && read - done_ >= kStretch) CopyTo(read);
+    }
+    void FinishCopy() {
+      if (from_) CopyTo(copied_.size());
+      from_ = nullptr;
+    }
+
    private:
+    static constexpr size_t kStretch = 256 * 1024;
+    void CopyTo(size_t end) {
+      std::memcpy(copied_.data() + done_, from_ + done_, end - done_);
+      done_ = end;
+    }
+
     LargeBytes copied_;
     std::vector<uint8_t> taken_;
+    const uint8_t* from_ = nullptr;
+    size_t done_ = 0;
   } src;
   // The to-be-signed bytes as received, kept only when the input was not DER.
   std::vector<uint8_t> received_tbs;
@@ -774,6 +799,7 @@ struct CertificateList::Impl {
       platform::Prefetch(p + at + 1024);
       if (!pki::CheckEntry(p + at, n - at, v2, &whole, &serial)) return false;
       const uint32_t offset = static_cast<uint32_t>(p + at - base);
+      src.CopyAlong(offset);
       offsets.push_back(offset);
       if (adding) adding = filler.Add(Hash(pki::MinimalInteger(serial)), offset);
       at += whole;
@@ -876,15 +902,16 @@ namespace {
 // The object for |length| bytes at |bytes|, or null when they are no CRL.
 // DER is read in place, while the caller's bytes are likely still in cache;
 // the object then takes them from |owner| when given (which holds them), or
-// copies them.
+// has copied them, stretch by stretch, as the walk read them.
 std::unique_ptr<CertificateList::Impl> DecodeImpl(const uint8_t* bytes, size_t length,
                                                   std::vector<uint8_t>* owner) {
   auto impl = std::make_unique<CertificateList::Impl>();
+  if (!owner) impl->src.StartCopy(bytes, length);
   if (impl->Parse(Input(bytes, length))) {
     if (owner) {
       impl->src.Take(owner);  // same bytes, same place: the views stay good
     } else {
-      impl->src.Copy(bytes, length);
+      impl->src.FinishCopy();
       impl->CopyViews(*impl, bytes);
     }
   } else if (impl->ParseBer(Input(bytes, length))) {

@@ -862,13 +862,14 @@ struct CertificateList::Impl {
     const size_t slots = index.size();
     const uint32_t entry_mask = pki::EntryMask(index_bits);
     const uint32_t want_tag = pki::TagOf(h, index_bits);
+    const uint8_t* const base = src.data();
+    const uint32_t* const starts = offsets.data();
     for (size_t at = pki::HomeOf(h, slots);; at = at + 1 == slots ? 0 : at + 1) {
       const uint32_t held = index[at];
       if (held == 0) return -1;
       if ((held & ~entry_mask) != want_tag) continue;
-      const size_t number = (held & entry_mask) - 1;
-      if (pki::SameOctets(pki::MinimalInteger(pki::EntrySerial(src.data() + offsets[number])),
-                          serial))
+      const uint32_t number = (held & entry_mask) - 1;
+      if (pki::SameOctets(pki::MinimalInteger(pki::EntrySerial(base + starts[number])), serial))
         return static_cast<long>(number);
     }
   }

@@ -12,10 +12,11 @@
 // walk printing each serial would find) in constant time.
 //
 // Memory for a CRL of n entries: the DER, 4 bytes per entry of offsets and
-// a hash table of 4-byte slots, 2.5 per entry with an eighth to spare
-// (about 15 bytes per entry, at most 18 when the entries' sizes vary along
-// the list). Large buffers come from the platform's huge-page allocator,
-// except a vector handed over, which is kept as it came.
+// a hash table of 4-byte slots, 2.5 per entry; both sized from the first
+// entries with an eighth to spare (about 16 bytes per entry, at most 19 when
+// the entries' sizes vary along the list). Large buffers come from the
+// platform's huge-page allocator, except a vector handed over, which is kept
+// as it came.
 
 #include "quillon32/certificate_list.h"
 

@@ -249,12 +249,10 @@ inline size_t WholeLength(const uint8_t* p) {
   return CheckedHeader(p, &length) + length;
 }
 
-// The serial's content octets of the entry at |p| (already checked), and
-// the entry's whole length in |whole| when asked.
-inline Input EntrySerial(const uint8_t* p, size_t* whole = nullptr) {
+// The serial's content octets of the entry at |p| (already checked).
+inline Input EntrySerial(const uint8_t* p) {
   size_t entry_length, serial_length;
   const size_t entry_header = CheckedHeader(p, &entry_length);
-  if (whole) *whole = entry_header + entry_length;
   const size_t serial_header = CheckedHeader(p + entry_header, &serial_length);
   return Input(p + entry_header + serial_header, serial_length);
 }
@@ -483,8 +481,8 @@ inline uint64_t HashSerial(const uint8_t* p, size_t n, uint64_t seed) {
 inline size_t HomeOf(uint32_t hash, size_t slots) {
   return static_cast<size_t>((static_cast<uint64_t>(hash) * slots) >> 32);
 }
-// The hash bits a slot's high half carries above the entry number: the low
-// bits of the hash.
+// The hash bits a slot carries above the entry number: the low bits of the
+// hash.
 // (Shifted in 64 bits, so that 32 bits of entry number leave no tag and no
 // shift is out of range.)
 inline uint32_t TagOf(uint32_t hash, unsigned bits) {
@@ -504,20 +502,21 @@ inline uint32_t MakeSlot(uint32_t hash, size_t number, unsigned bits) {
 // over a table larger than the caches.
 class IndexFiller {
  public:
-  // |offsets| are those of the entries at |der|, noted before they are
-  // added: an entry's serial is read again when another hashes alike.
+  // |offsets| are those of the entries at |der|, each noted before the
+  // entry is added: the new entry's serial, and a held one's when another
+  // hashes alike, are read there.
   IndexFiller(uint32_t* table, size_t slots, unsigned bits, size_t room, const uint8_t* der,
               const Offsets& offsets)
       : table_(table), slots_(slots), bits_(bits), tag_mask_(~EntryMask(bits)), room_(room),
         der_(der), offsets_(offsets) {}
 
-  // Entry number added(), at |offset| in the DER, whose serial has |hash|;
-  // false, leaving it out, when the table has no room left.
-  bool Add(uint32_t hash, uint32_t offset) {
+  // The next entry in encoded order, whose serial has |hash|; false,
+  // leaving it out, when the table has no room left.
+  bool Add(uint32_t hash) {
     if (added_ == room_) return false;
     Pending& next = pending_[added_ % kAhead];
     if (added_ >= kAhead) Insert(next);
-    next = {HomeOf(hash, slots_), MakeSlot(hash, added_, bits_), offset};
+    next = {HomeOf(hash, slots_), MakeSlot(hash, added_, bits_)};
     platform::PrefetchForWrite(table_ + next.home);
     ++added_;
     return true;
@@ -531,10 +530,14 @@ class IndexFiller {
  private:
   static constexpr size_t kAhead = 16;
   struct Pending {
-    size_t home;      // the slot its hash names
-    uint32_t slot;    // what it puts there
-    uint32_t offset;  // where the entry starts
+    size_t home;    // the slot its hash names
+    uint32_t slot;  // what it puts there
   };
+
+  // The serial of the entry a slot names.
+  Input SerialOf(uint32_t slot) const {
+    return MinimalInteger(EntrySerial(der_ + offsets_[(slot & ~tag_mask_) - 1]));
+  }
 
   // Puts |e| into the first free slot from its home, unless an entry met
   // on the way has the same serial: the first one listed is kept.
@@ -545,9 +548,7 @@ class IndexFiller {
         table_[at] = e.slot;
         return;
       }
-      if (((held ^ e.slot) & tag_mask_) == 0 &&
-          SameOctets(MinimalInteger(EntrySerial(der_ + offsets_[(held & ~tag_mask_) - 1])),
-                     MinimalInteger(EntrySerial(der_ + e.offset))))
+      if (((held ^ e.slot) & tag_mask_) == 0 && SameOctets(SerialOf(held), SerialOf(e.slot)))
         return;
     }
   }
@@ -586,15 +587,14 @@ struct CertificateList::Impl {
     }
 
     void Copy(const uint8_t* bytes, size_t length) {
-      from_ = nullptr;
-      copied_.resize(length);
-      std::memcpy(copied_.data(), bytes, length);
+      StartCopy(bytes, length);
+      FinishCopy();
     }
     void Take(std::vector<uint8_t>* bytes) { taken_.swap(*bytes); }
 
     // A copy made along a walk over |bytes|: CopyAlong() copies what the
     // walk has read, a stretch at a time while it is still in cache, and
-    // FinishCopy() the rest. Without StartCopy() both do nothing.
+    // FinishCopy() the rest. Outside such a copy both do nothing.
     void StartCopy(const uint8_t* bytes, size_t length) {
       copied_.resize(length);
       from_ = bytes;
@@ -789,8 +789,9 @@ struct CertificateList::Impl {
     seed = pki::SeedFrom(this);
     const size_t slots = NewIndex(estimate);
     // Beyond this many entries the table would fill up: the rest are only
-    // checked, and the index made again.
-    const size_t room = std::min<size_t>(slots - slots / 5, pki::EntryMask(index_bits) - 1);
+    // checked, and the index made again. (Entry numbers up to the slot count
+    // fit the slots' |index_bits|.)
+    const size_t room = slots - slots / 5;
     pki::IndexFiller filler(index.data(), slots, index_bits, room, base, offsets);
     at = 0;
     bool adding = true;
@@ -802,7 +803,7 @@ struct CertificateList::Impl {
       const uint32_t offset = static_cast<uint32_t>(p + at - base);
       src.CopyAlong(offset);
       offsets.push_back(offset);
-      if (adding) adding = filler.Add(Hash(pki::MinimalInteger(serial)), offset);
+      if (adding) adding = filler.Add(Hash(pki::MinimalInteger(serial)));
       at += whole;
     }
     filler.Finish();
@@ -853,7 +854,7 @@ struct CertificateList::Impl {
     const uint8_t* const base = walk_base;
     pki::IndexFiller filler(index.data(), slots, index_bits, offsets.size(), base, offsets);
     for (const uint32_t offset : offsets)
-      filler.Add(Hash(pki::MinimalInteger(pki::EntrySerial(base + offset))), offset);
+      filler.Add(Hash(pki::MinimalInteger(pki::EntrySerial(base + offset))));
     filler.Finish();
   }
 
